@@ -1,0 +1,62 @@
+// Levelled logger used by the context API. Operators do not use it: their
+// error lines go to stderr through error_line (impl/utils/op_log.h).
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <string>
+
+#include "npucpu.h"
+
+namespace {
+// The only mutable global of the library. Relaxed ordering is enough: the
+// level is a threshold, not a guard for other data.
+std::atomic<uint32_t> g_log_level{1};
+constexpr uint32_t kLevelCount = 6;
+}  // namespace
+
+extern "C" {
+
+NPU_API const char *LEVEL_STR[6] = {"Trace", "Debug", "Info", "WARN", "Err", "Fatal"};
+
+NPU_API void set_log_level(uint32_t level) { g_log_level.store(level, std::memory_order_relaxed); }
+
+NPU_API uint32_t get_log_level(void) { return g_log_level.load(std::memory_order_relaxed); }
+
+NPU_API void print_log(uint32_t level, const char *func, int32_t line, const char *fmt, ...) {
+    if (g_log_level.load(std::memory_order_relaxed) > level) return;
+    if (level >= kLevelCount) return;  // no name to print for it
+
+    std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    char stamp[16];
+    size_t n = std::strftime(stamp, sizeof stamp, "%H:%M:%S", &local);
+    stamp[n] = '\0';
+
+    // Build the whole line first so that it reaches stdout in one write.
+    std::string text;
+    char head[256];
+    int hn = std::snprintf(head, sizeof head, "%s %-5s %s:%d ", stamp, LEVEL_STR[level],
+                           func ? func : "(null)", line);
+    if (hn > 0) text.append(head, static_cast<size_t>(hn) < sizeof head ? static_cast<size_t>(hn) : sizeof head - 1);
+
+    va_list ap;
+    va_start(ap, fmt);
+    va_list ap2;
+    va_copy(ap2, ap);
+    int mn = std::vsnprintf(nullptr, 0, fmt, ap);
+    va_end(ap);
+    if (mn > 0) {
+        std::string msg(static_cast<size_t>(mn) + 1, '\0');
+        std::vsnprintf(&msg[0], msg.size(), fmt, ap2);
+        msg.resize(static_cast<size_t>(mn));
+        text += msg;
+    }
+    va_end(ap2);
+    text += '\n';
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+}  // extern "C"

@@ -1,0 +1,52 @@
+// The skeleton shared by the binary arithmetic operators (add, sub, mul, div):
+// the shape rule, the support test and the broadcast-then-combine compute.
+// Each operator file supplies its message word, its unit and its element
+// operation.
+#ifndef NPUCPU_IMPL_UTILS_BINARY_OPS_H
+#define NPUCPU_IMPL_UTILS_BINARY_OPS_H
+
+#include <cstdlib>
+
+#include "npucpu.h"
+#include "op_context.h"
+
+namespace npucpu {
+
+// Output shape of the family: aligned at the last dim, each overlapping dim
+// is the larger of the two (signed compare, no compatibility check); the
+// dims outside the overlap come from the longer shape.
+TensorShape binary_output_shape(const TensorShape &a, const TensorShape &b);
+
+// "<word> only support 2 inputs" and NPU_ERR_INPUT_NUM unless there are two
+// inputs; otherwise writes output 0 with input 0's data type and format.
+uint32_t binary_infershape(OperatorContext *handle, const char *unit, const char *word);
+
+// 1 when both inputs are 32-bit float, else 0.
+uint32_t binary_check_supported(OperatorContext *handle);
+
+// Broadcasts both inputs to the output shape and writes
+// out[i] = op(a[i], b[i]) for min(buf_len / 4, element count) elements.
+template <typename Op>
+uint32_t binary_compute(OperatorContext *handle, Op op) {
+    const TensorInfo in0 = input_info(handle, 0);
+    if (in0.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    const TensorInfo in1 = input_info(handle, 1);
+    // Input 1's buffer is the host's to provide; a null one would be read.
+    if (in1.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    const TensorInfo out = output_info(handle, 0);
+    if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+
+    float *a = broadcast(&in0.shape, in0.dtype, static_cast<const float *>(in0.buf), &out.shape);
+    float *b = broadcast(&in1.shape, in1.dtype, static_cast<const float *>(in1.buf), &out.shape);
+    const uint64_t count = element_count(out.shape);
+    const uint64_t n = out.buf_len / sizeof(float) < count ? out.buf_len / sizeof(float) : count;
+    float *dst = static_cast<float *>(out.buf);
+    for (uint64_t i = 0; i < n; ++i) dst[i] = op(a[i], b[i]);
+    std::free(a);
+    std::free(b);
+    return NPU_OK;
+}
+
+}  // namespace npucpu
+
+#endif
