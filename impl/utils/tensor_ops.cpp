@@ -1,4 +1,4 @@
-// Tensor reshaping and broadcasting.
+// Tensor reshaping, broadcasting and the data-movement utilities.
 #include <cstdlib>
 #include <cstring>
 
@@ -76,5 +76,11 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
     }
     return result;
 }
+
+// ---- Bias broadcast, split, concat and padding --------------------------
+
+
+// ---- Gather, slice and transpose -----------------------------------------
+
 
 }  // extern "C"
