@@ -1,0 +1,150 @@
+// Element counts, dtype sizes, layout lookups, reshape and broadcast.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "npucpu.h"
+#include "test_util.h"
+
+using namespace npucpu_test;
+
+namespace {
+
+Tensor *make_tensor(const TensorShape &s, std::vector<float> values) {
+    Tensor *t = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));
+    t->shape = s;
+    t->data = static_cast<float *>(std::malloc(values.size() * sizeof(float) + 1));
+    std::memcpy(t->data, values.data(), values.size() * sizeof(float));
+    return t;
+}
+
+TEST(TensorHelpers, CountsAndSizes) {
+    uint32_t dims[] = {2, 3, 4};
+    EXPECT_EQ(accumulate_mul(dims, 2, 2), 1u);
+    EXPECT_EQ(accumulate_mul(dims, 0, 3), 24u);
+    EXPECT_EQ(accumulate_mul(dims, 1, 3), 12u);
+    TensorShape rank0{};
+    EXPECT_EQ(GetElemSize(&rank0), 1u);
+    TensorShape wrap = shape_of({65536, 65536, 3});
+    EXPECT_EQ(GetElemSize(&wrap), 0u);  // unsigned 32-bit wrap
+    TensorShape s = shape_of({2, 3, 4});
+    EXPECT_EQ(get_size_from_dim(&s, 1), 12);
+    EXPECT_EQ(get_size_from_dim(&s, 3), 1);
+    TensorShape neg = shape_of({0xFFFFFFFFu, 2});  // read as -1
+    EXPECT_EQ(get_size_from_dim(&neg, 0), -2);
+
+    const uint32_t sizes[] = {4, 8, 1, 2, 4, 8, 1, 2, 4, 8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+    for (uint32_t code = 0; code <= 20; ++code) EXPECT_EQ(get_dtype_size(code), sizes[code]) << code;
+    EXPECT_EQ(get_dtype_size(0xFFFFFFFFu), 0u);
+}
+
+TEST(TensorHelpers, LayoutLookups) {
+    TensorShape s = shape_of({1, 3, 5, 7});
+    struct Case {
+        uint32_t (*fn)(const TensorShape *, uint32_t);
+        uint32_t layout0, layout1;
+    } cases[] = {{get_batch, 1, 1}, {get_channel, 3, 7}, {get_height, 5, 3}, {get_width, 7, 5}};
+    for (const Case &k : cases) {
+        EXPECT_EQ(k.fn(&s, 0), k.layout0);
+        EXPECT_EQ(k.fn(&s, 1), k.layout1);
+    }
+    for (auto *fn : {get_channel, get_height, get_width}) {
+        uint32_t r = 1;
+        std::string err = capture_stderr([&] { r = fn(&s, 2); });
+        EXPECT_EQ(r, 0u);
+        EXPECT_EQ(mask_error_lines(err), "[E] [custom] [common_ops:L] UnknowLayout! \n");
+    }
+    EXPECT_EQ(get_batch(&s, 7), 1u);
+}
+
+TEST(TensorHelpers, Fill) {
+    std::vector<uint32_t> u(5, 9);
+    fill_vec_uint32(u.data(), 3, 4);
+    EXPECT_EQ(u, (std::vector<uint32_t>{3, 3, 3, 3, 9}));
+    std::vector<float> f(3, 9.0f);
+    fill_vec_float(f.data(), -0.0f, 2);
+    EXPECT_TRUE(std::signbit(f[1]));
+    EXPECT_EQ(f[2], 9.0f);
+}
+
+TEST(TensorHelpers, ReshapeCopiesOrFails) {
+    Tensor *t = make_tensor(shape_of({2, 3}), {1, 2, 3, 4, 5, 6});
+    t->dtype = 4;
+    TensorShape to = shape_of({3, 2});
+    Tensor *r = reshape(t, 3, &to);
+    ASSERT_NE(r, nullptr);
+    EXPECT_NE(r->data, t->data);
+    EXPECT_EQ(dims_of(r->shape), (std::vector<uint32_t>{3, 2}));
+    EXPECT_EQ(r->dtype, 4u);
+    EXPECT_EQ(r->format, 3u);
+    EXPECT_EQ(std::vector<float>(r->data, r->data + 6), (std::vector<float>{1, 2, 3, 4, 5, 6}));
+
+    TensorShape bad = shape_of({4, 2});
+    TensorShape empty{};
+    Tensor *fail = r;
+    std::string err = capture_stderr([&] { fail = reshape(t, 0, &bad); });
+    EXPECT_EQ(fail, nullptr);
+    EXPECT_EQ(mask_error_lines(err), "[E] [custom] [tensor_ops:L] Reshape to  failed! input elems:, output elems: \n");
+    err = capture_stderr([&] { fail = reshape(t, 0, &empty); });
+    EXPECT_EQ(fail, nullptr);
+    EXPECT_EQ(mask_error_lines(err), "[E] [custom] [tensor_ops:L] Given target shape info is empty! \n");
+
+    // Freeing a list frees each node's tensor and data; null tensors are skipped.
+    TensorList *tail = static_cast<TensorList *>(std::calloc(1, sizeof(TensorList)));
+    TensorList *head = static_cast<TensorList *>(std::calloc(1, sizeof(TensorList)));
+    head->tensor = t;
+    head->next = tail;
+    free_vec(head);
+    free_vec(nullptr);
+    free_tensor(r);
+}
+
+TEST(TensorHelpers, PrintTensor) {
+    Tensor *t = make_tensor(shape_of({2, 2}), {1, -2.5f, 0.125f, 4});
+    std::string out = capture_stdout([&] { print_tensor(t); });
+    EXPECT_EQ(out, "tensor shape: 2x2x, buf: 1.000, -2.500, 0.125, 4.000, \n");
+    std::string err = capture_stderr([] { print_tensor(nullptr); });
+    EXPECT_EQ(mask_error_lines(err), "[E] [custom] [common_ops:L] invalid param! tensor:(nil) \n");
+    t->shape = shape_of({0});
+    out = capture_stdout([&] { print_tensor(t); });
+    EXPECT_EQ(out, "tensor shape: 0x, buf: \n");
+    free_tensor(t);
+}
+
+struct BroadcastCase {
+    const char *name;
+    std::vector<uint32_t> in_dims;
+    std::vector<float> in;
+    std::vector<uint32_t> out_dims;
+    std::vector<float> expect;
+};
+
+TEST(Broadcast, Table) {
+    const BroadcastCase cases[] = {
+        {"row to matrix", {3}, {1, 2, 3}, {2, 3}, {1, 2, 3, 1, 2, 3}},
+        {"column to matrix", {2, 1}, {7, 8}, {2, 3}, {7, 7, 7, 8, 8, 8}},
+        {"rank 0 to 2x2", {}, {5}, {2, 2}, {5, 5, 5, 5}},
+        {"wrap 3 to 4", {3}, {1, 2, 3}, {4}, {1, 2, 3, 1}},
+        {"rank 0 output", {3}, {9, 8, 7}, {}, {9}},
+        {"identity", {2, 2}, {1, 2, 3, 4}, {2, 2}, {1, 2, 3, 4}},
+        {"middle axis", {2, 1, 2}, {1, 2, 3, 4}, {2, 3, 2}, {1, 2, 1, 2, 1, 2, 3, 4, 3, 4, 3, 4}},
+        // (2,3) into (2,4): the inner axis wraps modulo 3 and the row index
+        // advances only when it wraps.
+        {"mismatched inner dim", {2, 3}, {0, 1, 2, 3, 4, 5}, {2, 4}, {0, 1, 2, 0, 1, 2, 3, 4}},
+        {"higher input rank uses last dims", {4, 1, 2}, {1, 2, 3, 4, 5, 6, 7, 8}, {3, 2}, {1, 2, 1, 2, 1, 2}},
+        {"empty input reads nothing", {0}, {}, {3}, {0, 0, 0}},
+    };
+    for (const BroadcastCase &k : cases) {
+        TensorShape in = shape_of(k.in_dims), out = shape_of(k.out_dims);
+        std::vector<float> src = k.in;
+        src.push_back(-1);  // keeps data() valid for empty inputs
+        float *r = broadcast(&in, 0, src.data(), &out);
+        std::vector<float> got(r, r + k.expect.size());
+        EXPECT_EQ(got, k.expect) << k.name;
+        std::free(r);
+    }
+}
+
+}  // namespace
