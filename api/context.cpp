@@ -39,9 +39,24 @@ void copy_shape_prefix(TensorShape *dst, const TensorShape *src) {
     std::memcpy(dst->dims, src->dims, src->dim_num * sizeof(uint32_t));
 }
 
+namespace {
+
+// Stores a whole description (shape prefix, type, format, both buffers).
+void describe(TensorDesc *d, uint32_t dtype, uint32_t format, const TensorShape *shape, void *buf,
+              uint64_t buf_len) {
+    copy_shape_prefix(&d->shape, shape);
+    d->dtype = dtype;
+    d->format = format;
+    d->first_batch_buf = buf;
+    d->buf = buf;
+    d->buf_len = buf_len;
+}
+
+}  // namespace
+
 }  // namespace npucpu
 
-using npucpu::copy_shape_prefix;
+using npucpu::describe;
 using npucpu::new_desc_array;
 using npucpu::shape_ok;
 
@@ -101,12 +116,7 @@ NPU_API uint32_t qv_kel_custom_set_input_by_index(OperatorContext *handle, uint3
     TensorDesc *d = NPU_FIND_INPUT(handle, index);
     if (d == nullptr) return NPU_ERR_INVALID_ARG;
     if (!shape_ok(shape)) return NPU_ERR_INVALID_ARG;
-    copy_shape_prefix(&d->shape, shape);
-    d->dtype = dtype;
-    d->format = format;
-    d->first_batch_buf = buf;
-    d->buf = buf;
-    d->buf_len = buf_len;
+    describe(d, dtype, format, shape, buf, buf_len);
     d->batch_mode = batch_mode;
     return NPU_OK;
 }
@@ -118,12 +128,7 @@ NPU_API uint32_t qv_kel_custom_set_output_by_index(OperatorContext *handle, uint
     TensorDesc *d = NPU_FIND_OUTPUT(handle, index);
     if (d == nullptr) return NPU_ERR_INVALID_ARG;
     if (!shape_ok(shape)) return NPU_ERR_INVALID_ARG;
-    copy_shape_prefix(&d->shape, shape);
-    d->dtype = dtype;
-    d->format = format;
-    d->first_batch_buf = buf;
-    d->buf = buf;
-    d->buf_len = buf_len;
+    describe(d, dtype, format, shape, buf, buf_len);
     return NPU_OK;
 }
 

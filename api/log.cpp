@@ -1,5 +1,6 @@
 // Levelled logger used by the context API. Operators do not use it: their
 // error lines go to stderr through error_line (impl/utils/op_log.h).
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <string>
 
 #include "npucpu.h"
+#include "text_format.h"
 
 namespace {
 // The only mutable global of the library. Relaxed ordering is enough: the
@@ -35,25 +37,14 @@ NPU_API void print_log(uint32_t level, const char *func, int32_t line, const cha
     stamp[n] = '\0';
 
     // Build the whole line first so that it reaches stdout in one write.
-    std::string text;
     char head[256];
     int hn = std::snprintf(head, sizeof head, "%s %-5s %s:%d ", stamp, LEVEL_STR[level],
                            func ? func : "(null)", line);
-    if (hn > 0) text.append(head, static_cast<size_t>(hn) < sizeof head ? static_cast<size_t>(hn) : sizeof head - 1);
-
+    std::string text(head, hn > 0 ? std::min(static_cast<size_t>(hn), sizeof head - 1) : 0);
     va_list ap;
     va_start(ap, fmt);
-    va_list ap2;
-    va_copy(ap2, ap);
-    int mn = std::vsnprintf(nullptr, 0, fmt, ap);
+    npucpu::append_vformat(text, fmt, ap);
     va_end(ap);
-    if (mn > 0) {
-        std::string msg(static_cast<size_t>(mn) + 1, '\0');
-        std::vsnprintf(&msg[0], msg.size(), fmt, ap2);
-        msg.resize(static_cast<size_t>(mn));
-        text += msg;
-    }
-    va_end(ap2);
     text += '\n';
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);

@@ -1,5 +1,7 @@
 #include "op_log.h"
 
+#include "text_format.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -17,17 +19,8 @@ void error_line(const char *unit, int line, const char *fmt, ...) {
     text += "] ";
     va_list ap;
     va_start(ap, fmt);
-    va_list ap2;
-    va_copy(ap2, ap);
-    int n = std::vsnprintf(nullptr, 0, fmt, ap);
+    append_vformat(text, fmt, ap);
     va_end(ap);
-    if (n > 0) {
-        size_t at = text.size();
-        text.resize(at + static_cast<size_t>(n) + 1);
-        std::vsnprintf(&text[at], static_cast<size_t>(n) + 1, fmt, ap2);
-        text.resize(at + static_cast<size_t>(n));
-    }
-    va_end(ap2);
     // One write, so that concurrent callers do not interleave within a line.
     std::fwrite(text.data(), 1, text.size(), stderr);
 }
