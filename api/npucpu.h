@@ -269,6 +269,15 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
 /* ---- Resize sampling helpers --------------------------------------------- */
 
 /* ---- Gather, slice and transpose utilities ------------------------------- */
+/* Each returns 0 (gather also 0xa0808003 for an index outside its axis);
+ * slice_one_axis hands back a new array and takes over `data`, or returns
+ * null and changes nothing; Transpose: output axis d takes input axis perm[d]. */
+NPU_API uint32_t gather(const Tensor *data, const Tensor *indices, int64_t axis, Tensor *output);
+NPU_API uint32_t slice(const Tensor *input, const int32_t *starts, const int32_t *ends,
+                       const int32_t *steps, Tensor *output);
+NPU_API float *slice_one_axis(float *data, int32_t *total, uint32_t *dims, int32_t axis,
+                              const int32_t *list, int32_t count);
+NPU_API uint32_t Transpose(const Tensor *input, const uint32_t *perm, Tensor *output);
 
 /* ---- Operators: binary arithmetic ---------------------------------------- */
 NPU_API uint32_t add_infershape(OperatorContext *handle);
@@ -289,6 +298,9 @@ NPU_API uint32_t div_compute(OperatorContext *handle);
 /* ---- Operators: arg-max/min, reductions, softmax, top-k, non-zero -------- */
 
 /* ---- Operators: non-maximum suppression, detection output decoder -------- */
+NPU_API uint32_t detect_output_decoder_infershape(OperatorContext *handle);
+NPU_API uint32_t detect_output_decoder_check_supported(OperatorContext *handle);
+NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle);
 
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
 
