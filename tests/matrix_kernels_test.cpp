@@ -154,6 +154,10 @@ TEST(Img2Col, RowsFollowOutputPixelsChannelMajor) {
          {0, 1, 4, 5}},
         {"zero height stride", {1, 1, 3, 3}, {1, 1, 2, 2}, {0, 1}, {1, 1, 2, 4},
          {0, 1, 3, 4, 1, 2, 4, 5}},
+        // The kernel's channel count drives the copy; reads past the image are
+        // skipped rather than made.
+        {"kernel with more channels", {1, 1, 2, 2}, {1, 2, 1, 1}, {1, 1}, {1, 1, 4, 1},
+         {0, 1, 2, 3}},
     };
     for (const auto &c : cases) {
         Floats image(count_of(c.image));
@@ -213,6 +217,8 @@ TEST(Matmul, TruncatesOperandsAndWrapsInt32) {
         // computed and writes stop at the output's end.
         {"b holds fewer batches", {3, 1, 1}, {2, 1, 1}, {2, 1, 1}, {1, 2, 3}, {5, 7}, {5, 14}},
         {"output holds fewer batches", {2, 1, 1}, {2, 1, 1}, {1, 1, 1}, {1, 2}, {5, 7}, {5}},
+        {"b rows short of K: nothing written", {1, 2}, {1, 1}, {1, 1}, {1, 2}, {3}, {-7}},
+        {"rank-0 a: nothing written", {}, {1, 1}, {1, 1}, {4}, {3}, {-7}},
     };
     for (const auto &c : cases) {
         Floats a = c.a, b = c.b;
