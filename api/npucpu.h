@@ -265,6 +265,51 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
                          const TensorShape *out_shape);
 
 /* ---- Matrix and convolution kernels -------------------------------------- */
+/* Kernels over float data. Spatial routines address 4-D data as N, C, H, W in
+ * memory and read the sizes through get_width/get_height/... with each
+ * Tensor's own layout code. pads are top, left, bottom, right; strides,
+ * dilations and kernel sizes are height, width. Tensors returned by these
+ * routines are fresh heap objects, released with free_tensor. */
+/* out[i] = a[i] + b[i] for a's element count; returns 0. */
+NPU_API uint32_t add(const Tensor *a, const Tensor *b, Tensor *out);
+/* Dot product of the first n elements, fused multiply-adds from element 0. */
+NPU_API float mac(const float *x, const float *y, uint32_t n);
+/* Layout 3 of out: out(MxN) += a(MxK) * b(KxN) with fused multiply-adds in k
+ * order, then + bias (out's shape) or + 0.0f. Layout 0: convolution mode,
+ * column matrix a times filter rows b, accumulated filter-major; bias unused.
+ * Other layouts: NPU_ERR_SHAPE, nothing written. */
+NPU_API uint32_t gemm(const Tensor *a, const Tensor *b, const Tensor *bias, Tensor *out);
+/* Column matrix [N, 1, out_h*out_w, C*kH*kW] of image for kernel's size at
+ * strides (no padding, no dilation); null after a message when the element
+ * count does not fit a signed 32-bit value. */
+NPU_API Tensor *img_2_col(const Tensor *image, const Tensor *kernel, const uint32_t strides[2]);
+/* Batched matrix product on operands truncated to int32, wrapping int32 sums;
+ * rank <= 2 operands are shared by all batches. Always returns 0. */
+NPU_API uint32_t matmul(const Tensor *a, const Tensor *b, Tensor *out);
+/* New Tensor of target's shape holding bias expanded to it (a 1-D bias of a
+ * 4-D or larger target lands on axis 1); null when target has fewer dims. */
+NPU_API Tensor *broadcast_bias(const Tensor *bias, const Tensor *target);
+/* Cuts input along axis into count pieces of sizes[k] (appended to list when
+ * it holds none yet, else filled as they are); NPU_ERR_INVALID_ARG on a bad
+ * axis. The caller releases the list's nodes after the head with free_vec. */
+NPU_API uint32_t split(const Tensor *input, uint32_t axis, const uint32_t *sizes, uint32_t count,
+                       TensorList *list);
+/* Joins the first count tensors after list's head along axis into out;
+ * returns 0. */
+NPU_API uint32_t concat(const TensorList *list, uint32_t count, uint32_t axis, Tensor *out);
+/* New Tensor with dims[2] and dims[3] grown by the pads (read as signed 32-bit:
+ * negative pads cut), the border filled bytewise with the low byte of
+ * value's int32 truncation. */
+NPU_API Tensor *do_padding(const Tensor *input, const uint32_t pads[4], float value);
+/* Output size and pads of a sliding kernel under auto_pad ("SAME_UPPER",
+ * "SAME_LOWER", "VALID", "NOTSET", compared by prefix); pads is read for
+ * NOTSET and written for the other modes. Returns 0, NPU_ERR_SHAPE for VALID
+ * with data left over, NPU_ERR_INVALID_ARG for another mode or a zero stride
+ * that would be divided by. */
+NPU_API uint32_t process_auto_pad_mode(const char *auto_pad, uint32_t in_h, uint32_t in_w,
+                                       uint32_t stride_h, uint32_t stride_w, uint32_t kernel_h,
+                                       uint32_t kernel_w, uint32_t pads[4], uint32_t ceil_mode,
+                                       uint32_t *out_h, uint32_t *out_w);
 
 /* ---- Resize sampling helpers --------------------------------------------- */
 

@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "convert.h"
 #include "npucpu.h"
 #include "op_log.h"
 
@@ -78,6 +79,217 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
 }
 
 // ---- Bias broadcast, split, concat and padding --------------------------
+
+// Number of elements of an n-element run from position src of a buffer of
+// src_count elements to position dst of one of dst_count that stays inside
+// both (the copies below are clamped to their buffers).
+static uint64_t clamped_copy_len(uint64_t n, uint64_t src, uint64_t src_count, uint64_t dst,
+                                 uint64_t dst_count) {
+    if (src >= src_count || dst >= dst_count) return 0;
+    if (n > src_count - src) n = src_count - src;
+    if (n > dst_count - dst) n = dst_count - dst;
+    return n;
+}
+
+NPU_API Tensor *broadcast_bias(const Tensor *bias, const Tensor *target) {
+    const uint32_t rank = target->shape.dim_num;
+    if (rank < bias->shape.dim_num) {
+        NPU_ERROR("not support from bigger shape to small shape! \n");
+        return nullptr;
+    }
+    // The bias's dims are placed into a shape of target's rank, all ones
+    // elsewhere: from axis 1 for a 1-D bias of a 4-D (or larger) target (the
+    // channel axis of NCHW), else from the first axis whose size equals the
+    // bias's first dim (axis 0 when none does).
+    TensorShape aligned;
+    std::memset(&aligned, 0, sizeof aligned);
+    aligned.dim_num = target->shape.dim_num;
+    for (uint32_t k = 0; k < rank; ++k) aligned.dims[k] = 1;
+    uint32_t first = 0;
+    for (uint32_t k = 0; k < rank; ++k) {
+        if (target->shape.dims[k] == bias->shape.dims[0]) {
+            first = k;
+            break;
+        }
+    }
+    const uint32_t start = (rank >= 4 && bias->shape.dim_num == 1) ? 1 : first;
+    // Guard: dims that would land past the shape record's 16 entries are dropped.
+    for (uint32_t k = 0; k < bias->shape.dim_num && start + k < NPU_MAX_DIMS; ++k) {
+        aligned.dims[start + k] = bias->shape.dims[k];
+    }
+
+    // The bias is copied into a buffer of the aligned shape's element count;
+    // guard: when that count exceeds the bias's own, the rest stays zero
+    // instead of reading past the bias.
+    const uint32_t aligned_count = GetElemSize(&aligned);
+    const uint32_t bias_count = GetElemSize(&bias->shape);
+    float *copy = static_cast<float *>(std::calloc(aligned_count > 0 ? aligned_count : 1, sizeof(float)));
+    const uint32_t copied = bias_count < aligned_count ? bias_count : aligned_count;
+    if (copied > 0) std::memcpy(copy, bias->data, static_cast<size_t>(copied) * sizeof(float));
+
+    Tensor *result = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));
+    result->shape = target->shape;
+    result->dtype = bias->dtype;
+    result->format = bias->format;
+    result->data = broadcast(&aligned, bias->dtype, copy, &target->shape);
+    std::free(copy);
+    return result;
+}
+
+NPU_API uint32_t split(const Tensor *input, uint32_t axis, const uint32_t *sizes, uint32_t count,
+                       TensorList *list) {
+    const int32_t signed_axis = static_cast<int32_t>(axis);
+    if (static_cast<int32_t>(input->shape.dim_num) <= signed_axis) {
+        NPU_ERROR("Split axis  is great than input shape  \n");
+        return NPU_ERR_INVALID_ARG;
+    }
+    // Guard: an axis negative as a signed value, or no list, would address
+    // memory outside the records.
+    if (signed_axis < 0 || list == nullptr) return NPU_ERR_INVALID_ARG;
+    const uint32_t inner = accumulate_mul(input->shape.dims, signed_axis + 1, input->shape.dim_num);
+    const uint32_t outer = accumulate_mul(input->shape.dims, 0, signed_axis);
+
+    if (list->next == nullptr) {
+        TensorList *tail = list;
+        for (uint32_t k = 0; k < count; ++k) {
+            Tensor *piece = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));
+            piece->shape = input->shape;
+            piece->shape.dims[axis] = sizes[k];
+            piece->dtype = input->dtype;
+            piece->format = input->format;
+            const uint32_t n = GetElemSize(&piece->shape);
+            piece->data = static_cast<float *>(std::calloc(n > 0 ? n : 1, sizeof(float)));
+            TensorList *node = static_cast<TensorList *>(std::calloc(1, sizeof(TensorList)));
+            node->tensor = piece;
+            tail->next = node;
+            tail = node;
+        }
+    }
+
+    // Guard: pieces handed in by the caller are used as they are, so every
+    // copy is clamped to the input and to the piece (a missing piece holds
+    // nothing); the read and write positions advance as if all was copied.
+    const size_t in_count = GetElemSize(&input->shape);
+    uint64_t *offsets = static_cast<uint64_t *>(std::calloc(count > 0 ? count : 1, sizeof(uint64_t)));
+    uint64_t read = 0;
+    for (uint32_t o = 0; o < outer; ++o) {
+        const TensorList *node = list->next;
+        for (uint32_t k = 0; k < count; ++k) {
+            const uint64_t n = static_cast<uint64_t>(inner) * sizes[k];
+            const Tensor *piece = node != nullptr ? node->tensor : nullptr;
+            const uint64_t capacity = piece != nullptr ? GetElemSize(&piece->shape) : 0;
+            const uint64_t len = clamped_copy_len(n, read, in_count, offsets[k], capacity);
+            if (len > 0) std::memcpy(piece->data + offsets[k], input->data + read, len * sizeof(float));
+            read += n;
+            offsets[k] += n;
+            if (node != nullptr) node = node->next;
+        }
+    }
+    std::free(offsets);
+    return NPU_OK;
+}
+
+NPU_API uint32_t concat(const TensorList *list, uint32_t count, uint32_t axis, Tensor *out) {
+    // Guard: without a first tensor there is no reference shape (and an axis
+    // past the shape record has no dim); nothing is written.
+    if (list == nullptr || list->next == nullptr || list->next->tensor == nullptr) return NPU_OK;
+    if (axis >= NPU_MAX_DIMS) return NPU_OK;
+    const Tensor *ref = list->next->tensor;
+    const uint64_t out_count = GetElemSize(&out->shape);
+    uint64_t write = 0;
+
+    // Guard (both branches): every copy is clamped to its source tensor and
+    // to out; a missing tensor contributes nothing.
+    if (ref->shape.dim_num == 1) {
+        const TensorList *node = list->next;
+        for (uint32_t k = 0; k < count && node != nullptr; ++k, node = node->next) {
+            if (node->tensor == nullptr) continue;
+            const uint64_t n = GetElemSize(&node->tensor->shape);
+            const uint64_t len = clamped_copy_len(n, 0, n, write, out_count);
+            if (len > 0) std::memcpy(out->data + write, node->tensor->data, len * sizeof(float));
+            write += n;
+        }
+        return NPU_OK;
+    }
+
+    const uint32_t outer = accumulate_mul(ref->shape.dims, 0, static_cast<int32_t>(axis));
+    const uint32_t inner =
+        accumulate_mul(ref->shape.dims, static_cast<int32_t>(axis) + 1, ref->shape.dim_num);
+    if (outer == 0) return NPU_OK;
+    uint64_t *offsets = static_cast<uint64_t *>(std::calloc(count > 0 ? count : 1, sizeof(uint64_t)));
+    for (uint32_t o = 0; o < outer; ++o) {
+        const TensorList *node = list->next;
+        for (uint32_t k = 0; k < count; ++k) {
+            const Tensor *t = node != nullptr ? node->tensor : nullptr;
+            const uint64_t n = t != nullptr ? static_cast<uint64_t>(inner) * t->shape.dims[axis] : 0;
+            const uint64_t capacity = t != nullptr ? GetElemSize(&t->shape) : 0;
+            const uint64_t len = clamped_copy_len(n, offsets[k], capacity, write, out_count);
+            if (len > 0) std::memcpy(out->data + write, t->data + offsets[k], len * sizeof(float));
+            offsets[k] += n;
+            write += n;
+            if (node != nullptr) node = node->next;
+        }
+    }
+    std::free(offsets);
+    return NPU_OK;
+}
+
+NPU_API Tensor *do_padding(const Tensor *input, const uint32_t pads[4], float value) {
+    // Pads are read as signed: a negative pad cuts rows or columns.
+    const int32_t top = static_cast<int32_t>(pads[0]);
+    const int32_t left = static_cast<int32_t>(pads[1]);
+    const int32_t bottom = static_cast<int32_t>(pads[2]);
+
+    Tensor *result = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));
+    result->shape = input->shape;
+    result->shape.dims[2] += pads[0] + pads[2];
+    result->shape.dims[3] += pads[1] + pads[3];
+    result->dtype = input->dtype;
+    result->format = input->format;
+    const uint32_t count = GetElemSize(&result->shape);
+    result->data = static_cast<float *>(std::malloc(count > 0 ? static_cast<size_t>(count) * sizeof(float)
+                                                              : sizeof(float)));
+    // The fill is bytewise: every byte takes the low 8 bits of the value's
+    // int32 truncation, so 0.0 pads with zeros and 1.0 with 0x01010101.
+    const uint8_t fill_byte = static_cast<uint8_t>(npucpu::saturate_trunc<int32_t>(value) & 0xff);
+    std::memset(result->data, fill_byte, static_cast<size_t>(count) * sizeof(float));
+
+    const uint32_t Wo = get_width(&result->shape, result->format);
+    const uint32_t Ho = get_height(&result->shape, result->format);
+    const uint32_t Co = get_channel(&result->shape, result->format);
+    const uint32_t No = get_batch(&result->shape, result->format);
+    const uint32_t W = get_width(&input->shape, input->format);
+    const uint32_t H = get_height(&input->shape, input->format);
+    const uint32_t C = get_channel(&input->shape, input->format);
+    if (No < 1) return result;
+
+    const int64_t first_row = top > 0 ? top : 0;
+    const int64_t end_row = static_cast<int64_t>(static_cast<int32_t>(Ho)) - (bottom > 0 ? bottom : 0);
+    const int64_t first_src_row = top < 0 ? -static_cast<int64_t>(top) : 0;
+    const int64_t column = left > 0 ? left : 0;
+    const uint64_t run = W < Wo ? W : Wo;
+    const int64_t out_batch = static_cast<int64_t>(Co) * Wo * Ho;
+    const int64_t in_batch = static_cast<int64_t>(C) * W * H;
+    const uint64_t in_count = GetElemSize(&input->shape);
+
+    // Guard: each row copy is clamped to the input and to the result (a
+    // positive left pad with a negative right pad, or a layout other than
+    // NCHW, would reach past them); rows at negative positions are skipped.
+    for (int64_t n = 0; n < No; ++n) {
+        for (int64_t c = 0; c < Co; ++c) {
+            int64_t src_row = first_src_row;
+            for (int64_t h = first_row; h < end_row; ++h, ++src_row) {
+                const int64_t dst = n * out_batch + c * Wo * static_cast<int64_t>(Ho) + h * Wo + column;
+                const int64_t src = n * in_batch + c * W * static_cast<int64_t>(H) + src_row * W;
+                if (dst < 0 || src < 0) continue;
+                const uint64_t len = clamped_copy_len(run, static_cast<uint64_t>(src), in_count,
+                                                 static_cast<uint64_t>(dst), count);
+                if (len > 0) std::memcpy(result->data + dst, input->data + src, len * sizeof(float));
+            }
+        }
+    }
+    return result;
+}
 
 
 // ---- Gather, slice and transpose -----------------------------------------
