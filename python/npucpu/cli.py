@@ -123,7 +123,7 @@ def _infer_kind(value):
     v = value.strip()
     if _INT.match(v):
         return "int"
-    if _is_float_text(v) and v.lower() not in ("nan", "inf", "-inf", "+inf", "infinity"):
+    if _is_float_text(v):
         return "float"
     body = v[1:-1] if v.startswith("[") and v.endswith("]") else v
     if "," in body or v != body:

@@ -180,7 +180,9 @@ class Input:
         arr = np.asarray(data)
         if dtype is not None:
             arr = arr.astype(dtype)
-        arr = np.ascontiguousarray(arr, dtype=arr.dtype.newbyteorder("="))
+        # A C-ordered native-endian copy; unlike ascontiguousarray this keeps
+        # a 0-d array at rank 0.
+        arr = np.array(arr, dtype=arr.dtype.newbyteorder("="), order="C", copy=True)
         self.code = code_of(arr.dtype)
         self.shape = tuple(shape) if shape is not None else arr.shape
         if wstride is not None:
