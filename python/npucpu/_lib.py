@@ -8,20 +8,29 @@ import ctypes
 import os
 from pathlib import Path
 
+from .elfsyms import operators_in
+
 MAX_DIMS = 16
 ATTR_NAME_LEN = 64
 
-# Status codes and their names in the public header.
+# Status codes of the public header.
+NPU_OK = 0x00000000
+NPU_ERR_INVALID_ARG = 0xA0808003
+NPU_ERR_SHAPE = 0xA0808008
+NPU_ERR_INPUT_NUM = 0xA0808027
+NPU_ERR_INPUT = 0xA0808028
+NPU_ERR_UNSUPPORTED = 0xA080802C
+NPU_FAIL = 0xFFFFFFFF
+
 STATUS_NAMES = {
-    0x00000000: "NPU_OK",
-    0xA0808003: "NPU_ERR_INVALID_ARG",
-    0xA0808008: "NPU_ERR_SHAPE",
-    0xA0808027: "NPU_ERR_INPUT_NUM",
-    0xA0808028: "NPU_ERR_INPUT",
-    0xA080802C: "NPU_ERR_UNSUPPORTED",
-    0xFFFFFFFF: "NPU_FAIL",
+    NPU_OK: "NPU_OK",
+    NPU_ERR_INVALID_ARG: "NPU_ERR_INVALID_ARG",
+    NPU_ERR_SHAPE: "NPU_ERR_SHAPE",
+    NPU_ERR_INPUT_NUM: "NPU_ERR_INPUT_NUM",
+    NPU_ERR_INPUT: "NPU_ERR_INPUT",
+    NPU_ERR_UNSUPPORTED: "NPU_ERR_UNSUPPORTED",
+    NPU_FAIL: "NPU_FAIL",
 }
-globals().update({name: code for code, name in STATUS_NAMES.items()})
 
 
 def status_name(code):
@@ -257,7 +266,6 @@ class Library:
 
     def operators(self):
         """Operators exported by the library, from its dynamic symbol table."""
-        from .elfsyms import operators_in
         return operators_in(self.path)
 
 

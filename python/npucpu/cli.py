@@ -207,7 +207,8 @@ def cmd_run(args):
         os.makedirs(args.outdir, exist_ok=True)
     for k, out in enumerate(result.outputs):
         line = "output %d: %s" % (k, _describe(out))
-        if result.wstrides[k] and result.wstrides[k] != (out.shape[-1] if out.ndim else 1) * out.itemsize:
+        row_bytes = (out.shape[-1] if out.ndim else 1) * out.itemsize
+        if result.wstrides[k] and result.wstrides[k] != row_bytes:
             line += " wstride %d" % result.wstrides[k]
         if args.outdir and failure is None:
             path = os.path.join(args.outdir, "output%d.npy" % k)

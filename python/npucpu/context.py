@@ -187,7 +187,8 @@ class Context:
         return self._set_buf(self._api.set_input_buf_by_index, ("input-buf",), index, buf, buf_len)
 
     def set_output_buf_by_index(self, index, buf, buf_len=None):
-        return self._set_buf(self._api.set_output_buf_by_index, ("output-buf",), index, buf, buf_len)
+        return self._set_buf(self._api.set_output_buf_by_index, ("output-buf",), index, buf,
+                             buf_len)
 
     def set_input_first_batch_buf_by_index(self, index, buf, buf_len=None):
         return self._set_buf(self._api.set_input_first_batch_buf_by_index, ("input-batch",),

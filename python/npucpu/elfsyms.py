@@ -19,18 +19,14 @@ class ElfError(ValueError):
     pass
 
 
-def _layout(ident):
-    if ident[:4] != b"\x7fELF":
-        raise ElfError("not an ELF file")
-    cls, data = ident[4], ident[5]
-    if cls not in (1, 2) or data not in (1, 2):
-        raise ElfError("unknown ELF class or byte order")
-    end = "<" if data == 1 else ">"
-    if cls == 2:  # 64-bit
-        return dict(end=end, hdr=end + "Q", shoff_at=0x28, shnum_at=0x3C,
-                    sh=end + "IIQQQQIIQQ", sym=end + "IBBHQQ", sym_fields=("name", "info", "other", "shndx", "value", "size"))
-    return dict(end=end, hdr=end + "I", shoff_at=0x20, shnum_at=0x30,
-                sh=end + "IIIIIIIIII", sym=end + "IIIBBH", sym_fields=("name", "value", "size", "info", "other", "shndx"))
+# Per ELF class: offset of e_shoff and its format, offset of e_shentsize
+# (followed by e_shnum), the section header and the symbol entry.
+_CLASSES = {
+    1: dict(shoff=(0x20, "I"), shent_at=0x2E, sh="IIIIIIIIII", sym="IIIBBH",
+            sym_fields=("name", "value", "size", "info", "other", "shndx")),
+    2: dict(shoff=(0x28, "Q"), shent_at=0x3A, sh="IIQQQQIIQQ", sym="IBBHQQ",
+            sym_fields=("name", "info", "other", "shndx", "value", "size")),
+}
 
 
 def dynamic_symbols(path):
@@ -38,37 +34,48 @@ def dynamic_symbols(path):
     kind is 'func', 'object' or 'other'."""
     with open(path, "rb") as f:
         data = f.read()
-    if len(data) < 0x40:
-        raise ElfError("%s: file too short for an ELF header" % path)
-    lay = _layout(data[:16])
-    end = lay["end"]
-    (shoff,) = struct.unpack_from(lay["hdr"], data, lay["shoff_at"])
-    shentsize, shnum = struct.unpack_from(end + "HH", data, lay["shnum_at"] - 2)
-    if shoff == 0 or shnum == 0:
-        raise ElfError("%s: no section headers" % path)
+    if data[:4] != b"\x7fELF" or len(data) < 0x40:
+        raise ElfError("%s: not an ELF file" % path)
+    cls, order = data[4], data[5]
+    if cls not in _CLASSES or order not in (1, 2):
+        raise ElfError("%s: unknown ELF class or byte order" % path)
+    end = "<" if order == 1 else ">"
+    lay = _CLASSES[cls]
     try:
-        sections = [struct.unpack_from(lay["sh"], data, shoff + k * shentsize) for k in range(shnum)]
-    except struct.error:
-        raise ElfError("%s: truncated section headers" % path) from None
-    # Section header fields: name, type, flags, addr, offset, size, link, info, align, entsize.
+        return _read_dynsym(data, end, lay)
+    except (struct.error, IndexError):
+        raise ElfError("%s: truncated or malformed ELF file" % path) from None
+
+
+def _read_dynsym(data, end, lay):
+    (shoff,) = struct.unpack_from(end + lay["shoff"][1], data, lay["shoff"][0])
+    shentsize, shnum = struct.unpack_from(end + "HH", data, lay["shent_at"])
+    if shoff == 0 or shnum == 0:
+        raise ElfError("no section headers")
+    sections = [struct.unpack_from(end + lay["sh"], data, shoff + k * shentsize)
+                for k in range(shnum)]
+    sym_fmt = end + lay["sym"]
     symbols = {}
+    # Section header fields: name, type, flags, addr, offset, size, link, info,
+    # addralign, entsize; a symbol table's link is its string table.
     for sec in sections:
         if sec[1] != _SHT_DYNSYM:
             continue
         offset, size, link, entsize = sec[4], sec[5], sec[6], sec[9]
         strtab = sections[link]
-        str_off, str_size = strtab[4], strtab[5]
-        strings = data[str_off:str_off + str_size]
-        entsize = entsize or struct.calcsize(lay["sym"])
+        strings = data[strtab[4]:strtab[4] + strtab[5]]
+        entsize = entsize or struct.calcsize(sym_fmt)
         for k in range(size // entsize):
-            sym = dict(zip(lay["sym_fields"], struct.unpack_from(lay["sym"], data, offset + k * entsize)))
+            sym = dict(zip(lay["sym_fields"],
+                           struct.unpack_from(sym_fmt, data, offset + k * entsize)))
             bind, kind = sym["info"] >> 4, sym["info"] & 0xF
-            if sym["shndx"] == _SHN_UNDEF or bind not in (_STB_GLOBAL, _STB_WEAK, _STB_GNU_UNIQUE):
+            if sym["shndx"] == _SHN_UNDEF or bind not in (_STB_GLOBAL, _STB_WEAK,
+                                                           _STB_GNU_UNIQUE):
                 continue
             if sym["other"] & 3 in (_STV_HIDDEN, _STV_INTERNAL):
                 continue
-            end_at = strings.find(b"\0", sym["name"])
-            name = strings[sym["name"]:end_at if end_at >= 0 else None].decode("utf-8", "replace")
+            stop = strings.find(b"\0", sym["name"])
+            name = strings[sym["name"]:stop if stop >= 0 else None].decode("utf-8", "replace")
             if name:
                 symbols[name] = {_STT_FUNC: "func", _STT_OBJECT: "object"}.get(kind, "other")
     return symbols
