@@ -26,6 +26,10 @@ def _address(buf):
         if not buf.flags.c_contiguous:
             raise ValueError("buffer arrays must be C-contiguous")
         return buf.ctypes.data, buf, buf.nbytes
+    if isinstance(buf, bytes):
+        # Read-only data (attribute values, inputs): the library must not write it.
+        ptr = ctypes.c_char_p(buf)
+        return ctypes.cast(ptr, ctypes.c_void_p).value, (buf, ptr), len(buf)
     if isinstance(buf, bytearray):
         arr = (ctypes.c_char * len(buf)).from_buffer(buf) if buf else None
         return (ctypes.addressof(arr) if arr is not None else None), buf, len(buf)
@@ -35,8 +39,8 @@ def _address(buf):
         return buf or None, None, 0
     if isinstance(buf, ctypes.c_void_p):
         return buf.value, buf, 0
-    raise TypeError("unsupported buffer type %s (use a numpy array, bytearray, ctypes "
-                    "array, address or None)" % type(buf).__name__)
+    raise TypeError("unsupported buffer type %s (use a numpy array, bytes, bytearray, "
+                    "ctypes array, address or None)" % type(buf).__name__)
 
 
 def _code(dtype):

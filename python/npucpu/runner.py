@@ -166,15 +166,21 @@ class Input:
         into a buffer laid out with that stride (gap bytes = pad_byte) and the
         stride is set with qv_kel_custom_set_input_wstride_by_index.
     buf_len: byte length handed over (default: the buffer's size).
+    code: data type code to declare instead of the dtype's own (any value,
+        for hosts that pass codes numpy has no type for).
     """
 
     def __init__(self, data=None, *, shape=None, dtype=None, format=0, wstride=None,
-                 buf_len=None, batch_mode=0, pad_byte=0):
+                 buf_len=None, batch_mode=0, pad_byte=0, code=None):
         self.format, self.wstride, self.batch_mode = format, wstride, batch_mode
+        if isinstance(dtype, (int, np.integer)) and not isinstance(dtype, bool):
+            dtype = dtype_of(dtype)
         if data is None:
             self.buffer = None
             self.shape = tuple(shape) if shape is not None else ()
             self.code = code_of(dtype if dtype is not None else np.float32)
+            if code is not None:
+                self.code = int(code)
             self.buf_len = buf_len if buf_len is not None else 0
             return
         arr = np.asarray(data)
@@ -183,7 +189,7 @@ class Input:
         # A C-ordered native-endian copy; unlike ascontiguousarray this keeps
         # a 0-d array at rank 0.
         arr = np.array(arr, dtype=arr.dtype.newbyteorder("="), order="C", copy=True)
-        self.code = code_of(arr.dtype)
+        self.code = code_of(arr.dtype) if code is None else int(code)
         self.shape = tuple(shape) if shape is not None else arr.shape
         if wstride is not None:
             arr = pack_rows(arr, wstride, pad_byte)

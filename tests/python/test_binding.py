@@ -42,8 +42,7 @@ def test_records_read_back_what_the_library_stored(lib):
         assert ctx.set_input_by_index(1, 3, 1, (2, 3), a, 10, 1) == 0
         assert ctx.set_input_wstride_by_index(1, 32) == 0
         assert ctx.set_output_name_by_index(0, "hello") == 0
-        names = np.frombuffer(b"xyz", dtype=np.uint8).copy()
-        assert ctx.set_attr_by_index(0, "mode", 4, names, 3) == 0
+        assert ctx.set_attr_by_index(0, "mode", 4, b"xyz") == 0
         rec = ctx.record
         assert (rec.input_num, rec.output_num, rec.attr_num) == (2, 1, 1)
         d = rec.inputs[1]
@@ -52,7 +51,9 @@ def test_records_read_back_what_the_library_stored(lib):
         assert (d.wstride, d.batch_mode, d.wstride_fixed) == (32, 1, 1)
         assert (rec.outputs[0].name.data, rec.outputs[0].name.length) == (b"hello", 6)
         at = rec.attrs[0]
-        assert (at.name, at.dtype, at.data, at.data_len) == (b"mode", 4, names.ctypes.data, 3)
+        assert (at.name, at.dtype, at.data_len) == (b"mode", 4, 3)
+        assert ctypes.string_at(at.data, 3) == b"xyz"
+        assert ctx.get_attr_string(ctx.get_attr_by_name("mode")) == (0, b"xyz")
         assert ctx.get_input_batch_buf_by_index(1, 2) == a.ctypes.data + 20
     assert not ctx.handle  # destroyed and cleared
 
@@ -213,6 +214,8 @@ RUN_FAILURES = [
      "NPU_ERR_INVALID_ARG"),
     ([np.ones(3), np.ones(3)], "check_supported", 0, "not supported"),
     ([np.ones(3, np.int32), np.ones(3, F32)], "check_supported", 0, "not supported"),
+    ([np.ones(3, F32), npucpu.Input(np.ones(3, F32), code=14)], "check_supported", 0,
+     "not supported"),
 ]
 
 
