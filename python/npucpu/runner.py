@@ -63,8 +63,14 @@ def _is_real(v):
     return isinstance(v, numbers.Real) or isinstance(v, np.floating)
 
 
+def _scalar(value):
+    # A 0-d array is a scalar, not a one-element list.
+    return value[()] if isinstance(value, np.ndarray) and value.ndim == 0 else value
+
+
 def infer_attr_type(value):
     """The attribute type a Python value maps to."""
+    value = _scalar(value)
     if isinstance(value, Attr):
         return value.type or infer_attr_type(value.value)
     if isinstance(value, (str, bytes, bytearray)):
@@ -113,8 +119,7 @@ def encode_attr(value):
     """(type code, value buffer as a numpy array, data_len) for an attribute."""
     forced = value if isinstance(value, Attr) else None
     kind = infer_attr_type(value)
-    if forced is not None:
-        value = forced.value
+    value = _scalar(forced.value if forced is not None else value)
     if kind == "int":
         if not _is_int(value) and not _is_real(value):
             value = list(value)

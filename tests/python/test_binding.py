@@ -116,6 +116,7 @@ ATTR_CASES = [
     (-(1 << 63), 0, -(1 << 63)),
     (True, 0, 1),
     (np.int32(-7), 0, -7),
+    (np.array(5), 0, 5),
     (1.5, 2, 1.5),
     (np.float64(0.1), 2, np.float32(0.1)),
     ("SAME_UPPER", 4, b"SAME_UPPER"),
