@@ -351,6 +351,19 @@ NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle);
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
 
+NPU_API uint32_t global_averagepool_infershape(OperatorContext *handle);
+NPU_API uint32_t global_averagepool_check_supported(OperatorContext *handle);
+NPU_API uint32_t global_averagepool_compute(OperatorContext *handle);
+NPU_API uint32_t global_maxpool_infershape(OperatorContext *handle);
+NPU_API uint32_t global_maxpool_check_supported(OperatorContext *handle);
+NPU_API uint32_t global_maxpool_compute(OperatorContext *handle);
+NPU_API uint32_t lrn_infershape(OperatorContext *handle);
+NPU_API uint32_t lrn_check_supported(OperatorContext *handle);
+NPU_API uint32_t lrn_compute(OperatorContext *handle);
+NPU_API uint32_t depth_to_space_infershape(OperatorContext *handle);
+NPU_API uint32_t depth_to_space_check_supported(OperatorContext *handle);
+NPU_API uint32_t depth_to_space_compute(OperatorContext *handle);
+
 /* ---- Operators: concat, gather, pad, range, slice, transpose ------------- */
 
 #ifdef __cplusplus
