@@ -35,6 +35,12 @@ int64_t max_boxes_per_class(OperatorContext *handle, uint32_t count) {
     return v < 0 ? 0 : v;
 }
 
+// Boxes selected at most per (batch, class): the count, capped by the boxes
+// there are (compared as signed 64-bit; the result fits 32 bits).
+uint32_t per_class_limit(int64_t max_boxes, uint32_t spatial) {
+    return static_cast<uint32_t>(max_boxes < static_cast<int64_t>(spatial) ? max_boxes : spatial);
+}
+
 // Product that sticks at the largest value instead of wrapping, for size
 // checks that must not be fooled by overflow.
 uint64_t saturating_mul(uint64_t a, uint64_t b) {
@@ -138,8 +144,7 @@ NPU_API uint32_t nms_infershape(OperatorContext *handle) {
     if (boxes.dim_num == 0 || scores.dim_num == 0) return NPU_ERR_INPUT;
 
     const int64_t max_boxes = max_boxes_per_class(handle, count);
-    const int64_t spatial = boxes.dims[1];
-    const uint32_t per_class = static_cast<uint32_t>(max_boxes < spatial ? max_boxes : spatial);
+    const uint32_t per_class = per_class_limit(max_boxes, boxes.dims[1]);
     TensorShape out{};
     out.dim_num = 2;
     out.dims[0] = boxes.dims[0] * scores.dims[1] * per_class;  // 32-bit product, wraps
@@ -182,8 +187,7 @@ NPU_API uint32_t nms_compute(OperatorContext *handle) {
     const uint64_t num_batches = boxes_in.shape.dims[0];
     const uint64_t spatial = boxes_in.shape.dims[1];
     const uint64_t num_classes = scores_in.shape.dims[1];
-    const uint32_t max_out =
-        static_cast<uint32_t>(static_cast<uint64_t>(max_boxes) < spatial ? max_boxes : spatial);
+    const uint32_t max_out = per_class_limit(max_boxes, boxes_in.shape.dims[1]);
 
     // Guard: null buffers, or declared shapes too small for the boxes and
     // scores the loops below index, are refused before anything is written.
@@ -202,8 +206,10 @@ NPU_API uint32_t nms_compute(OperatorContext *handle) {
     std::memset(out.buf, 0, out.buf_len);
     // At least one record each, so that an empty array is not mistaken for a
     // failed allocation.
-    BboxInfo *cands = static_cast<BboxInfo *>(std::malloc((spatial ? spatial : 1) * sizeof(BboxInfo)));
-    Selected *sel = static_cast<Selected *>(std::malloc((max_out ? max_out : 1) * sizeof(Selected)));
+    const uint64_t cand_records = spatial ? spatial : 1;
+    const uint64_t sel_records = max_out ? max_out : 1;
+    BboxInfo *cands = static_cast<BboxInfo *>(std::malloc(cand_records * sizeof(BboxInfo)));
+    Selected *sel = static_cast<Selected *>(std::malloc(sel_records * sizeof(Selected)));
     if (cands == nullptr || sel == nullptr) {
         std::free(cands);
         std::free(sel);

@@ -99,6 +99,10 @@ uint32_t pad_elements(const void *input, uint64_t in_cap, void *output, uint64_t
     if (in_shape == nullptr || out_shape == nullptr || mode_text == nullptr) {
         return NPU_ERR_INVALID_ARG;
     }
+    // Guard: a rank past the dims a shape record holds is refused.
+    if (in_shape->dim_num > NPU_MAX_DIMS || out_shape->dim_num > NPU_MAX_DIMS) {
+        return NPU_ERR_INVALID_ARG;
+    }
     const uint32_t d = in_shape->dim_num;
     uint64_t count = 1;
     for (uint32_t k = 0; k < out_shape->dim_num; ++k) count *= out_shape->dims[k];

@@ -231,35 +231,40 @@ TEST(Nms, WithoutCountInputTheResultIsEmpty) {
 TEST(Nms, ComputeGuards) {
     struct Case {
         const char *name;
-        int which;  // 0 null boxes, 1 null scores, 2 null output, 3 short boxes shape,
-                    // 4 short scores shape, 5 zero count with null boxes, 6 short output
+        std::vector<uint32_t> box_dims, score_dims;
+        bool null_boxes, null_scores, null_out;
+        int64_t max_out;
+        size_t out_rows;  // rows the output buffer holds
         uint32_t status;
         std::vector<Row> rows;
     };
     const Row s{kSentinel, kSentinel, kSentinel};
+    const std::vector<uint32_t> b = {1, 2, 4}, sc = {1, 1, 2};
     const std::vector<Case> cases = {
-        {"null boxes", 0, NPU_ERR_INVALID_ARG, {s, s}},
-        {"null scores", 1, NPU_ERR_INVALID_ARG, {s, s}},
-        {"null output", 2, NPU_ERR_INVALID_ARG, {s, s}},
-        {"boxes shape shorter than batches x boxes x 4", 3, NPU_ERR_INVALID_ARG, {s, s}},
-        {"scores shape shorter than batches x classes x boxes", 4, NPU_ERR_INVALID_ARG, {s, s}},
-        {"zero count returns before the buffer checks", 5, NPU_OK, {s, s}},
-        {"rows past a short output are dropped", 6, NPU_OK, {{0, 0, 0}, s}},
+        {"null boxes", b, sc, true, false, false, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
+        {"null scores", b, sc, false, true, false, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
+        {"null output", b, sc, false, false, true, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
+        {"boxes shape below batches x boxes x 4", {1, 2, 3}, sc, false, false, false, 2, 2,
+         NPU_ERR_INVALID_ARG, {s, s}},
+        {"scores shape below batches x classes x boxes", b, {1, 1}, false, false, false, 2, 2,
+         NPU_ERR_INVALID_ARG, {s, s}},
+        {"zero count returns before the buffer checks", b, sc, true, false, false, 0, 2, NPU_OK,
+         {s, s}},
+        {"rows past a short output are dropped", b, sc, false, false, false, 2, 1, NPU_OK,
+         {{0, 0, 0}, s}},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<float> boxes = {0, 0, 1, 1, 5, 5, 6, 6}, scores = {0.9f, 0.8f};
-        int64_t max_out = c.which == 5 ? 0 : 2;
+        int64_t max_out = c.max_out;
         std::vector<Row> out(2, s);
         Ctx ctx(3, 1);
-        ctx.input(0, shape_of(c.which == 3 ? std::vector<uint32_t>{1, 2, 3} : std::vector<uint32_t>{1, 2, 4}),
-                  c.which == 0 || c.which == 5 ? nullptr : boxes.data(), 32);
-        ctx.input(1, shape_of(c.which == 4 ? std::vector<uint32_t>{1, 1} : std::vector<uint32_t>{1, 1, 2}),
-                  c.which == 1 ? nullptr : scores.data(), 8);
+        ctx.input(0, shape_of(c.box_dims), c.null_boxes ? nullptr : boxes.data(), 32);
+        ctx.input(1, shape_of(c.score_dims), c.null_scores ? nullptr : scores.data(), 8);
         ctx.input(2, shape_of({1}), &max_out, 8, NPU_DTYPE_INT64);
         capture_stderr([&] { ASSERT_EQ(nms_infershape(ctx.h), NPU_OK); });
-        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.which == 2 ? nullptr : out.data(),
-                                              c.which == 6 ? sizeof(Row) : 2 * sizeof(Row));
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_out ? nullptr : out.data(),
+                                              c.out_rows * sizeof(Row));
         uint32_t status = 0;
         EXPECT_EQ(capture_stderr([&] { status = nms_compute(ctx.h); }), "");
         EXPECT_EQ(status, c.status);

@@ -39,12 +39,15 @@ TEST(Pad, Modes) {
     const std::vector<float> k1234 = {1, 2, 3, 4};
     const std::vector<float> k2x3 = {1, 2, 3, 4, 5, 6};
     const std::vector<PadCase> cases = {
-        {"zero pads copy, constant", {2, 3}, k2x3, {0, 0, 0, 0}, "constant", false, 0, {2, 3}, k2x3, ""},
-        {"zero pads copy, reflect", {2, 3}, k2x3, {0, 0, 0, 0}, "reflect", false, 0, {2, 3}, k2x3, ""},
+        {"zero pads copy, constant", {2, 3}, k2x3, {0, 0, 0, 0}, "constant", false, 0, {2, 3},
+         k2x3, ""},
+        {"zero pads copy, reflect", {2, 3}, k2x3, {0, 0, 0, 0}, "reflect", false, 0, {2, 3}, k2x3,
+         ""},
         {"zero pads copy, edge", {2, 3}, k2x3, {0, 0, 0, 0}, "edge", false, 0, {2, 3}, k2x3, ""},
         {"constant without input 2 is zero", {3}, k123, {2, 2}, nullptr, false, 0, {7},
          {0, 0, 1, 2, 3, 0, 0}, ""},
-        {"constant from input 2", {3}, k123, {2, 1}, "constant", true, 9, {6}, {9, 9, 1, 2, 3, 9}, ""},
+        {"constant from input 2", {3}, k123, {2, 1}, "constant", true, 9, {6}, {9, 9, 1, 2, 3, 9},
+         ""},
         {"constant on both axes", {2, 3}, k2x3, {1, 0, 0, 1}, "constant", true, 7, {3, 4},
          {7, 7, 7, 7, 1, 2, 3, 7, 4, 5, 6, 7}, ""},
         {"reflect within one reflection", {3}, k123, {2, 2}, "reflect", true, 9, {7},
@@ -64,8 +67,8 @@ TEST(Pad, Modes) {
          {2, 3}, ""},
         {"negative pads crop, edge", {2, 3}, k2x3, {-1, 1, 0, -2}, "edge", false, 0, {1, 2}, {4, 4},
          ""},
-        {"crop and grow on one axis", {4}, k1234, {-1, 2}, "constant", true, 8, {5}, {2, 3, 4, 8, 8},
-         ""},
+        {"crop and grow on one axis", {4}, k1234, {-1, 2}, "constant", true, 8, {5},
+         {2, 3, 4, 8, 8}, ""},
         {"pads use their full 64 bits in the loop", {3}, k123, {(int64_t{1} << 32) + 1, 0},
          "constant", true, 5, {4}, {5, 5, 5, 5}, ""},
         {"mode is case-sensitive", {3}, k123, {1, 1}, "REFLECT", false, 0, {5}, {0, 1, 2, 3, 0},
@@ -137,10 +140,12 @@ TEST(Pad, InfershapeRefusals) {
         std::string err;
     };
     const std::vector<Case> cases = {
-        {"one input", 1, 1, false, 16, NPU_ERR_INVALID_ARG, kPre + "Pad only support 2 or 3 inputs \n"},
+        {"one input", 1, 1, false, 16, NPU_ERR_INVALID_ARG,
+         kPre + "Pad only support 2 or 3 inputs \n"},
         {"four inputs", 4, 1, false, 16, NPU_ERR_INVALID_ARG,
          kPre + "Pad only support 2 or 3 inputs \n"},
-        {"two outputs", 2, 2, false, 16, NPU_ERR_INVALID_ARG, kPre + "Pad only support 1 outputs \n"},
+        {"two outputs", 2, 2, false, 16, NPU_ERR_INVALID_ARG,
+         kPre + "Pad only support 1 outputs \n"},
         {"null pads", 2, 1, true, 16, NPU_ERR_INPUT, ""},
         {"pads for another rank", 2, 1, false, 32, NPU_ERR_INVALID_ARG,
          kPre + "input 1 pads format error \n"},

@@ -60,7 +60,8 @@ TEST(Range, FloatSequences) {
         {"wrong direction writes nothing", 1.0f, 0.0f, 1.0f, 2, NPU_OK, {}},
         {"NaN count writes nothing", 0.0f, NAN, 1.0f, 2, NPU_OK, {}},
         {"writes stop at the output buffer", 0.0f, 100.0f, 1.0f, 3, NPU_OK, {0.0f, 1.0f, 2.0f}},
-        {"unbounded count stops at the output buffer", 0.0f, INFINITY, 2.0f, 2, NPU_OK, {0.0f, 2.0f}},
+        {"unbounded count stops at the output buffer", 0.0f, INFINITY, 2.0f, 2, NPU_OK,
+         {0.0f, 2.0f}},
         {"delta 0 is refused", 0.0f, 1.0f, 0.0f, 2, NPU_ERR_INVALID_ARG, {}},
         {"delta -0 is refused", 0.0f, 1.0f, -0.0f, 2, NPU_ERR_INVALID_ARG, {}},
     };
@@ -126,7 +127,8 @@ TEST(Range, Infershape) {
             ctx.input(i, shape_of(c.start_dims), &v, 4, c.dtype, NPU_FORMAT_NHWC);
         }
         uint32_t status = 0;
-        EXPECT_EQ(mask_error_lines(capture_stderr([&] { status = range_infershape(ctx.h); })), c.err);
+        const std::string err = capture_stderr([&] { status = range_infershape(ctx.h); });
+        EXPECT_EQ(mask_error_lines(err), c.err);
         EXPECT_EQ(status, c.status);
         EXPECT_EQ(dims_of(ctx.output_shape(0)), c.out_dims);
         if (c.status == NPU_OK) {
@@ -166,7 +168,8 @@ TEST(Range, ComputeRefusals) {
                       i == 1 ? c.limit_len : 4, c.dtype);
         }
         ASSERT_EQ(range_infershape(ctx.h), NPU_OK);
-        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_index == 3 ? nullptr : out.data(), 32);
+        void *out_buf = c.null_index == 3 ? nullptr : out.data();
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out_buf, 32);
         EXPECT_EQ(range_compute(ctx.h), NPU_ERR_INVALID_ARG);
         EXPECT_EQ(out, std::vector<int32_t>(8, kSentinelBits));
     }
