@@ -347,6 +347,22 @@ NPU_API uint32_t detect_output_decoder_infershape(OperatorContext *handle);
 NPU_API uint32_t detect_output_decoder_check_supported(OperatorContext *handle);
 NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle);
 
+/* Candidate record of non-maximum suppression: a box's score and index. */
+typedef struct BboxInfo {
+    float score;
+    int64_t index;
+} BboxInfo;
+/* Orders two BboxInfo records by descending score: 0 when the scores are
+ * equal, 1 when a's is smaller, -1 otherwise. */
+NPU_API int cmp_bbox_info(const void *a, const void *b);
+/* True when boxes i and j (indices into the batch's boxes) overlap with an
+ * intersection over union strictly greater than iou_threshold. */
+NPU_API bool suppress_by_iou(const float *boxes, int64_t i, int64_t j, int64_t center_point_box,
+                             float iou_threshold);
+NPU_API uint32_t nms_infershape(OperatorContext *handle);
+NPU_API uint32_t nms_check_supported(OperatorContext *handle);
+NPU_API uint32_t nms_compute(OperatorContext *handle);
+
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
@@ -365,6 +381,21 @@ NPU_API uint32_t depth_to_space_check_supported(OperatorContext *handle);
 NPU_API uint32_t depth_to_space_compute(OperatorContext *handle);
 
 /* ---- Operators: concat, gather, pad, range, slice, transpose ------------- */
+/* Copies count elements of elem_size bytes from src[src_index] to dst[dst_index]. */
+NPU_API void pad_copy(void *dst, const void *src, uint64_t dst_index, uint64_t src_index,
+                      uint8_t elem_size, uint64_t count);
+/* Fills the output of out_shape from the input of in_shape: pads holds every
+ * axis's begin amount, then every end amount; mode is "constant", "reflect" or
+ * "edge"; constant is one element. */
+NPU_API uint32_t pad_run(const void *input, void *output, const void *constant, uint8_t elem_size,
+                         const TensorShape *in_shape, const TensorShape *out_shape,
+                         const int64_t *pads, const char *mode);
+NPU_API uint32_t pad_infershape(OperatorContext *handle);
+NPU_API uint32_t pad_check_supported(OperatorContext *handle);
+NPU_API uint32_t pad_compute(OperatorContext *handle);
+NPU_API uint32_t range_infershape(OperatorContext *handle);
+NPU_API uint32_t range_check_supported(OperatorContext *handle);
+NPU_API uint32_t range_compute(OperatorContext *handle);
 
 #ifdef __cplusplus
 }
