@@ -339,6 +339,42 @@ NPU_API uint32_t div_check_supported(OperatorContext *handle);
 NPU_API uint32_t div_compute(OperatorContext *handle);
 
 /* ---- Operators: pow, prelu, unary, cast, sum, mean, expand, bubbles ------ */
+NPU_API uint32_t pow_infershape(OperatorContext *handle);
+NPU_API uint32_t pow_check_supported(OperatorContext *handle);
+NPU_API uint32_t pow_compute(OperatorContext *handle);
+NPU_API uint32_t prelu_infershape(OperatorContext *handle);
+NPU_API uint32_t prelu_check_supported(OperatorContext *handle);
+NPU_API uint32_t prelu_compute(OperatorContext *handle);
+NPU_API uint32_t ceil_infershape(OperatorContext *handle);
+NPU_API uint32_t ceil_check_supported(OperatorContext *handle);
+NPU_API uint32_t ceil_compute(OperatorContext *handle);
+NPU_API uint32_t floor_infershape(OperatorContext *handle);
+NPU_API uint32_t floor_check_supported(OperatorContext *handle);
+NPU_API uint32_t floor_compute(OperatorContext *handle);
+NPU_API uint32_t relu_infershape(OperatorContext *handle);
+NPU_API uint32_t relu_check_supported(OperatorContext *handle);
+NPU_API uint32_t relu_compute(OperatorContext *handle);
+NPU_API uint32_t sqrt_infershape(OperatorContext *handle);
+NPU_API uint32_t sqrt_check_supported(OperatorContext *handle);
+NPU_API uint32_t sqrt_compute(OperatorContext *handle);
+NPU_API uint32_t cast_infershape(OperatorContext *handle);
+NPU_API uint32_t cast_check_supported(OperatorContext *handle);
+NPU_API uint32_t cast_compute(OperatorContext *handle);
+NPU_API uint32_t sum_infershape(OperatorContext *handle);
+NPU_API uint32_t sum_check_supported(OperatorContext *handle);
+NPU_API uint32_t sum_compute(OperatorContext *handle);
+NPU_API uint32_t mean_infershape(OperatorContext *handle);
+NPU_API uint32_t mean_check_supported(OperatorContext *handle);
+NPU_API uint32_t mean_compute(OperatorContext *handle);
+NPU_API uint32_t expand_infershape(OperatorContext *handle);
+NPU_API uint32_t expand_check_supported(OperatorContext *handle);
+NPU_API uint32_t expand_compute(OperatorContext *handle);
+NPU_API uint32_t add_bubble_infershape(OperatorContext *handle);
+NPU_API uint32_t add_bubble_check_supported(OperatorContext *handle);
+NPU_API uint32_t add_bubble_compute(OperatorContext *handle);
+NPU_API uint32_t remove_bubble_infershape(OperatorContext *handle);
+NPU_API uint32_t remove_bubble_check_supported(OperatorContext *handle);
+NPU_API uint32_t remove_bubble_compute(OperatorContext *handle);
 
 /* ---- Operators: arg-max/min, reductions, softmax, top-k, non-zero -------- */
 

@@ -1,0 +1,321 @@
+// pow, prelu, ceil/floor/relu/sqrt, sum/mean and expand: shape rules,
+// messages, length checks and element results that are easy to get wrong.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "npucpu.h"
+#include "test_util.h"
+
+using npucpu_test::capture_stderr;
+using npucpu_test::Ctx;
+using npucpu_test::dims_of;
+using npucpu_test::mask_error_lines;
+using npucpu_test::shape_of;
+
+namespace {
+
+using Entry = uint32_t (*)(OperatorContext *);
+
+struct Op {
+    const char *name;
+    Entry infershape, check_supported, compute;
+};
+
+#define NPU_OP(op) Op{#op, op##_infershape, op##_check_supported, op##_compute}
+
+const Op kPow = NPU_OP(pow), kPrelu = NPU_OP(prelu), kCeil = NPU_OP(ceil),
+         kFloor = NPU_OP(floor), kRelu = NPU_OP(relu), kSqrt = NPU_OP(sqrt),
+         kSum = NPU_OP(sum), kMean = NPU_OP(mean), kExpand = NPU_OP(expand),
+         kCast = NPU_OP(cast);
+
+uint32_t bits(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, 4);
+    return u;
+}
+
+const float kNaN = std::numeric_limits<float>::quiet_NaN();
+const float kSentinel = -777.0f;
+
+TEST(ElementwiseInfershape, WrongInputCountNamesTheOperator) {
+    struct Case {
+        Op op;
+        uint32_t inputs;
+        const char *text;
+    };
+    const Case cases[] = {
+        {kPow, 1, "[E] [custom] [pow_ops_impl:L] pow only support 2 inputs \n"},
+        {kPrelu, 3, "[E] [custom] [prelu_ops_impl:L] prelu only support 2 inputs \n"},
+        {kCeil, 2, "[E] [custom] [ceil_ops_impl:L] ceil only support 1 inputs \n"},
+        {kFloor, 0, "[E] [custom] [floor_ops_impl:L] floor only support 1 inputs \n"},
+        {kRelu, 2, "[E] [custom] [relu_ops_impl:L] relu only support 1 inputs \n"},
+        {kSqrt, 2, "[E] [custom] [sqrt_ops_impl:L] sqrt only support 1 inputs \n"},
+        {kCast, 2, "[E] [custom] [cast_ops_impl:L] ceil only support 1 inputs \n"},
+        {kSum, 0, "[E] [custom] [sum_ops_impl:L] sum only support inputs >= 1 \n"},
+        {kMean, 0, "[E] [custom] [mean_ops_impl:L] mean only support inputs >= 1 \n"},
+        {kExpand, 1, "[E] [custom] [expand_ops_impl:L] expand only support 2 inputs \n"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.op.name);
+        Ctx ctx(c.inputs, 1);
+        std::vector<float> data(4, 1.0f);
+        for (uint32_t i = 0; i < c.inputs; ++i) ctx.input(i, shape_of({4}), data);
+        uint32_t status = 0;
+        const std::string err = capture_stderr([&] { status = c.op.infershape(ctx.h); });
+        EXPECT_EQ(status, NPU_ERR_INPUT_NUM);
+        EXPECT_EQ(mask_error_lines(err), c.text);
+        EXPECT_EQ(ctx.output_shape(0).dim_num, 0u);
+    }
+}
+
+// Output shapes of the multi-input rules; an empty `out` means refused.
+TEST(ElementwiseInfershape, ShapeRules) {
+    struct Case {
+        Op op;
+        std::vector<std::vector<uint32_t>> in;
+        std::vector<uint32_t> out;
+    };
+    const Case cases[] = {
+        // pow copies every leading dim of the longer shape, whichever it is.
+        {kPow, {{2, 3, 4}, {4}}, {2, 3, 4}},
+        {kPow, {{4}, {2, 3, 4}}, {2, 3, 4}},
+        {kPow, {{5}, {1, 1, 1}}, {1, 1, 5}},
+        {kPow, {{2, 3}, {2, 4}}, {2, 4}},  // no compatibility check: larger wins
+        {kPow, {{}, {2, 3}}, {2, 3}},
+        {kPrelu, {{1, 3, 2, 2}, {3, 1, 1}}, {1, 3, 2, 2}},
+        {kSum, {{2, 3}, {3}}, {2, 3}},
+        {kSum, {{2, 1}, {1, 4}}, {2, 4}},
+        {kMean, {{2, 1, 3}, {4, 1}, {3}}, {2, 4, 3}},
+        {kSum, {{3}, {2, 3}}, {}},  // input 0 is padded to (3, 1)
+        {kMean, {{2, 3}, {2, 4}}, {}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.op.name) + " case " + std::to_string(&c - cases));
+        Ctx ctx(static_cast<uint32_t>(c.in.size()), 1);
+        std::vector<float> data(64, 1.0f);
+        for (uint32_t i = 0; i < c.in.size(); ++i) ctx.input(i, shape_of(c.in[i]), data);
+        uint32_t status = 0;
+        const std::string err = capture_stderr([&] { status = c.op.infershape(ctx.h); });
+        if (c.out.empty()) {
+            EXPECT_EQ(status, NPU_FAIL);
+            EXPECT_EQ(mask_error_lines(err),
+                      std::string("[E] [custom] [") + c.op.name + "_ops_impl:L] broadcast failed \n");
+            EXPECT_EQ(ctx.output_shape(0).dim_num, 0u);
+        } else {
+            EXPECT_EQ(status, NPU_OK);
+            EXPECT_EQ(err, "");
+            EXPECT_EQ(dims_of(ctx.output_shape(0)), c.out);
+        }
+    }
+}
+
+// Runs a float operator end to end; the output gets `out_floats` elements
+// (default: the inferred element count) filled with a sentinel.
+std::vector<float> run(const Op &op, std::vector<std::pair<TensorShape, std::vector<float>>> ins,
+                       long out_floats = -1) {
+    Ctx ctx(static_cast<uint32_t>(ins.size()), 1);
+    for (uint32_t i = 0; i < ins.size(); ++i) ctx.input(i, ins[i].first, ins[i].second);
+    EXPECT_EQ(op.infershape(ctx.h), NPU_OK);
+    EXPECT_EQ(op.check_supported(ctx.h), 1u);
+    TensorShape s = ctx.output_shape(0);
+    std::vector<float> out(out_floats < 0 ? GetElemSize(&s) : out_floats, kSentinel);
+    qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), out.size() * 4);
+    EXPECT_EQ(op.compute(ctx.h), NPU_OK);
+    return out;
+}
+
+void expect_bits(const std::vector<float> &got, const std::vector<float> &want) {
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        EXPECT_EQ(bits(got[i]), bits(want[i])) << "index " << i << ": " << got[i] << " vs " << want[i];
+    }
+}
+
+TEST(ElementwiseCompute, Results) {
+    struct Case {
+        const char *what;
+        Op op;
+        std::vector<std::pair<TensorShape, std::vector<float>>> in;
+        std::vector<float> want;
+    };
+    const float third = 1.0f / 3.0f;
+    const Case cases[] = {
+        {"pow broadcasts a row", kPow,
+         {{shape_of({2, 3}), {1, 2, 3, 4, 5, 6}}, {shape_of({3}), {2, 0.5f, 0}}},
+         {1, static_cast<float>(std::sqrt(2.0)), 1, 16, static_cast<float>(std::sqrt(5.0)), 1}},
+        {"pow of a negative base, and 0^0", kPow,
+         {{shape_of({2}), {-8, 0}}, {shape_of({2}), {third, 0}}}, {kNaN, 1}},
+        {"pow with a rank-0 exponent", kPow,
+         {{shape_of({3}), {2, 3, -4}}, {shape_of({}), {2}}}, {4, 9, 16}},
+        {"pow with a rank-0 base", kPow,
+         {{shape_of({}), {2}}, {shape_of({3}), {1, 2, 3}}}, {2, 4, 8}},
+        {"prelu one slope per channel", kPrelu,
+         {{shape_of({1, 3, 2, 1}), {-1, 1, -2, 2, -4, -0.0f}},
+          {shape_of({3, 1, 1}), {0.5f, 0.25f, 2}}},
+         {-0.5f, 1, -0.5f, 2, -8, -0.0f}},
+        {"prelu slopes of input 0's shape, NaN passes", kPrelu,
+         {{shape_of({3}), {-1, -1, kNaN}}, {shape_of({3}), {2, 3, 4}}}, {-2, -3, kNaN}},
+        {"prelu with a rank-0 slope", kPrelu,
+         {{shape_of({3}), {-1, 5, -3}}, {shape_of({}), {0.1f}}}, {-0.1f, 5, -3.0f * 0.1f}},
+        {"ceil", kCeil, {{shape_of({5}), {-0.5f, 0.5f, -0.0f, kNaN, -2}}},
+         {-0.0f, 1, -0.0f, kNaN, -2}},
+        {"floor", kFloor, {{shape_of({4}), {-0.5f, 0.5f, -0.0f, 2.5f}}}, {-1, 0, -0.0f, 2}},
+        {"relu", kRelu, {{shape_of({4}), {-0.0f, -2, kNaN, 3}}}, {-0.0f, 0.0f, kNaN, 3}},
+        {"sqrt", kSqrt, {{shape_of({4}), {-1, -0.0f, 4, 2}}}, {kNaN, -0.0f, 2, std::sqrt(2.0f)}},
+        {"sum of a column and a row", kSum,
+         {{shape_of({2, 1}), {1, 2}}, {shape_of({1, 3}), {10, 20, 30}}}, {11, 21, 31, 12, 22, 32}},
+        // (1 + 1e8) - 1e8 is 0 in float; any other order would give 1.
+        {"sum adds in input order", kSum,
+         {{shape_of({1}), {1}}, {shape_of({1}), {1e8f}}, {shape_of({1}), {-1e8f}}}, {0}},
+        {"mean of three equal inputs", kMean,
+         {{shape_of({2}), {0.1f, 3}}, {shape_of({2}), {0.1f, 3}}, {shape_of({2}), {0.1f, 3}}},
+         {(0.1f + 0.1f + 0.1f) / 3.0f, 3}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<float> got = run(c.op, c.in);
+        // NaN results are compared by class: the sign of a produced NaN is the CPU's.
+        for (size_t i = 0; i < got.size() && i < c.want.size(); ++i) {
+            if (std::isnan(c.want[i])) {
+                EXPECT_TRUE(std::isnan(got[i])) << "index " << i;
+                got[i] = c.want[i];
+            }
+        }
+        expect_bits(got, c.want);
+    }
+}
+
+// expand's rank is input 1's first dim and its dims are input 1's values,
+// whatever input 0's shape is; more than 16 of either is refused silently.
+TEST(ElementwiseCompute, Expand) {
+    struct Case {
+        uint32_t first_dim;
+        std::vector<int64_t> dims;
+        uint32_t status;
+    };
+    const Case cases[] = {
+        {3, {2, 3, 4}, NPU_OK},
+        {17, {2, 3, 4}, NPU_ERR_INVALID_ARG},
+        {3, std::vector<int64_t>(17, 1), NPU_ERR_INVALID_ARG},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
+        Ctx ctx(2, 1);
+        std::vector<float> in = {1, 2, 3};
+        std::vector<int64_t> dims = c.dims;
+        ctx.input(0, shape_of({3, 1}), in);
+        ctx.input(1, shape_of({c.first_dim}), dims.data(), 8 * dims.size(), NPU_DTYPE_INT64);
+        uint32_t status = 0;
+        EXPECT_EQ(capture_stderr([&] { status = expand_infershape(ctx.h); }), "");
+        EXPECT_EQ(status, c.status);
+        if (c.status != NPU_OK) {
+            EXPECT_EQ(ctx.output_shape(0).dim_num, 0u);
+            continue;
+        }
+        EXPECT_EQ(expand_check_supported(ctx.h), 1u);
+        EXPECT_EQ(dims_of(ctx.output_shape(0)), (std::vector<uint32_t>{2, 3, 4}));
+        std::vector<float> &out = ctx.alloc_output(0, kSentinel);
+        ASSERT_EQ(expand_compute(ctx.h), NPU_OK);
+        for (size_t i = 0; i < out.size(); ++i) EXPECT_EQ(out[i], in[(i / 4) % 3]) << i;
+    }
+}
+
+// `f` with its first `bytes` bytes cleared, as a partial memset leaves it.
+float cleared_prefix(float f, size_t bytes) {
+    std::memset(&f, 0, bytes);
+    return f;
+}
+
+// The unary length check compares whole elements: 10 vs 8 bytes is 2 vs 2.
+TEST(ElementwiseCompute, UnaryLengthChecks) {
+    struct Case {
+        Op op;
+        uint64_t in_len, out_len;
+        uint32_t status;
+        std::vector<float> want;  // the output's 4 floats afterwards
+    };
+    const float S = kSentinel;
+    const Case cases[] = {
+        {kCeil, 10, 8, NPU_OK, {2, -1, S, S}},
+        {kSqrt, 12, 8, NPU_ERR_INVALID_ARG, {S, S, S, S}},
+        {kFloor, 3, 2, NPU_OK, {S, S, S, S}},
+        {kRelu, 3, 16, NPU_ERR_INVALID_ARG, {S, S, S, S}},
+        // relu clears the whole output first, trailing bytes included.
+        {kRelu, 10, 11, NPU_OK, {1.5f, 0, cleared_prefix(S, 3), S}},
+        {kRelu, 3, 2, NPU_OK, {cleared_prefix(S, 2), S, S, S}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.op.name) + " " + std::to_string(c.in_len) + "/" +
+                     std::to_string(c.out_len));
+        std::vector<float> in = {1.5f, -1.5f, -2.0f, 4.0f};
+        std::vector<float> out(4, S);
+        Ctx ctx(1, 1);
+        ctx.input(0, shape_of({4}), in.data(), c.in_len);
+        ASSERT_EQ(c.op.infershape(ctx.h), NPU_OK);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), c.out_len);
+        EXPECT_EQ(c.op.compute(ctx.h), c.status);
+        expect_bits(out, c.want);
+    }
+}
+
+// Output buffers longer or shorter than the shape: pow clears the whole
+// buffer and computes what fits; sum and mean compute only the shape.
+TEST(ElementwiseCompute, OutputLength) {
+    std::vector<float> a = {1, 2, 3}, b = {2, 2, 2};
+    {
+        Ctx ctx(2, 1);
+        ctx.input(0, shape_of({3}), a);
+        ctx.input(1, shape_of({3}), b);
+        ASSERT_EQ(pow_infershape(ctx.h), NPU_OK);
+        std::vector<float> out(3, kSentinel);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 10);
+        ASSERT_EQ(pow_compute(ctx.h), NPU_OK);
+        expect_bits(out, {1, 4, cleared_prefix(kSentinel, 2)});
+    }
+    for (const Op &op : {kSum, kMean}) {
+        SCOPED_TRACE(op.name);
+        expect_bits(run(op, {{shape_of({3}), a}}, 5), {1, 2, 3, 0, 0});
+    }
+}
+
+// Null buffers, and prelu's output of another element count, are refused
+// before anything is written.
+TEST(ElementwiseCompute, RefusedComputesWriteNothing) {
+    struct Case {
+        Op op;
+        uint32_t inputs;
+        int null_input;  // -1: the output buffer is null
+        uint64_t out_len;
+    };
+    const Case cases[] = {
+        {kPow, 2, 0, 12},    {kPow, 2, 1, 12},   {kPow, 2, -1, 12},  {kPrelu, 2, 1, 12},
+        {kPrelu, 2, 3, 8},   {kCeil, 1, 0, 12},  {kRelu, 1, -1, 12}, {kSum, 3, 2, 12},
+        {kMean, 2, -1, 12},  {kExpand, 2, 0, 12}, {kExpand, 2, -1, 12},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.op.name) + " case " + std::to_string(&c - cases));
+        std::vector<float> in = {-1, 2, 3}, out(3, kSentinel);
+        int64_t dims[] = {3};
+        Ctx ctx(c.inputs, 1);
+        for (uint32_t i = 0; i < c.inputs; ++i) {
+            if (c.op.compute == expand_compute && i == 1) {
+                ctx.input(1, shape_of({1}), dims, sizeof dims, NPU_DTYPE_INT64);
+            } else {
+                ctx.input(i, shape_of({3}), int(i) == c.null_input ? nullptr : in.data(), 12);
+            }
+        }
+        ASSERT_EQ(c.op.infershape(ctx.h), NPU_OK);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_input < 0 ? nullptr : out.data(),
+                                              c.out_len);
+        EXPECT_EQ(c.op.compute(ctx.h), NPU_ERR_INVALID_ARG);
+        expect_bits(out, {kSentinel, kSentinel, kSentinel});
+    }
+}
+
+}  // namespace
