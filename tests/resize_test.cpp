@@ -82,9 +82,10 @@ TEST(CoordinateMapping, EveryMode) {
         // Fused: (7-1)*0.1 + 0.6*2*6/4 rounded once is 2.39999986, unfused 2.4000001.
         {"tf_crop_and_resize fused", 5, 2, 7, 5, 0, 0.1f, 0.7f,
          std::fma(6.0f, 0.1f, (0.7f - 0.1f) * 2.0f * 6.0f / 4.0f), false},
-        // Out_size 1 takes the box centre, in double (float would give 2.75999975).
-        {"tf_crop_and_resize out_size 1", 5, 0, 7, 1, 0, 0.02f, 0.9f,
-         static_cast<float>((0.02 + static_cast<double>(0.9f)) * 0.5 * 6.0), false},
+        // Out_size 1 takes the box centre, in double (a float sum gives 0.329999983).
+        {"tf_crop_and_resize out_size 1", 5, 0, 7, 1, 0, 0.01f, 0.1f,
+         static_cast<float>((static_cast<double>(0.01f) + static_cast<double>(0.1f)) * 0.5 * 6.0),
+         false},
         {"unknown code maps as half_pixel", 6, 0, 3, 2, s32, 0, 0,
          static_cast<float>(0.5 / static_cast<double>(s32) - 0.5), true},
         {"unknown large code", 0xFFFFFFFFu, 1, 2, 4, 2.0f, 0, 0, 0.25f, true},
@@ -103,6 +104,8 @@ TEST(CoordinateMapping, EveryMode) {
     EXPECT_EQ((0.0f + 0.5f) / s32 - 0.5f, 0.25f);
     const float q = (0.7f - 0.1f) * 2.0f * 6.0f / 4.0f;
     EXPECT_NE(bits(std::fma(6.0f, 0.1f, q)), bits(6.0f * 0.1f + q));
+    EXPECT_NE(bits(CoordinateMapping(5, 0, 7, 1, 0, 0.01f, 0.1f)),
+              bits(static_cast<float>((0.01f + 0.1f) * 0.5 * 6.0)));
 }
 
 // ---- GetNearestPixelCoordinate ----------------------------------------------
@@ -145,16 +148,6 @@ TEST(GetNearestPixelCoordinate, RoundingModes) {
         EXPECT_EQ(ix, c.expected);
         EXPECT_EQ(iy, c.expected);
     }
-}
-
-TEST(GetNearestPixelCoordinate, AxesAreIndependentAndUnknownModeNotifiesPerAxis) {
-    uint32_t iy = 0, ix = 0;
-    const std::string out = capture_stdout([&] {
-        GetNearestPixelCoordinate(8, 2, 3, 1, &iy, &ix, 4, 6, 8, 3, 2.0f, 0.5f, 0, 1, 0, 1);
-    });
-    EXPECT_EQ(iy, 1u);  // floor((3.5 / 2) - 0.5) = 1
-    EXPECT_EQ(ix, 2u);  // floor((1.5 / 0.5) - 0.5) = 2
-    EXPECT_EQ(out, std::string(kNotice) + kNotice);
 }
 
 // ---- GetAxisScale and ParseRoiData --------------------------------------------
@@ -226,7 +219,7 @@ TEST(BiLinearInterpolation, Sampling) {
         {"last column", 2, 0.25f, bilinear_sum(4, 4, 32, 32, 0, 0.25f)},
         {"last row and column", 2, 1, 32},
         {"negative coordinates", -0.7f, -3, 1},
-        {"fused sum", 0.01f, 0.04f, bilinear_sum(1, 2, 8, 16, 0.01f, 0.04f)},
+        {"fused sum", 0.01f, 0.44f, bilinear_sum(1, 2, 8, 16, 0.01f, 0.44f)},
         // Guard: past the image (a crop box beyond 1.0) the lower neighbours
         // are clamped too, so nothing outside the plane is read.
         {"past the image", 5.25f, 3.5f, bilinear_sum(32, 32, 32, 32, 0.25f, 0.5f)},
@@ -236,14 +229,10 @@ TEST(BiLinearInterpolation, Sampling) {
         EXPECT_EQ(bits(BiLinearInterpolation(rows.data(), 2, 3, c.x, c.y)), bits(c.expected));
     }
     EXPECT_EQ(BiLinearInterpolation(rows.data(), 0, 3, 0.5f, 0.5f), 0.0f);  // guard: empty plane
-}
-
-TEST(BiLinearInterpolation, FusedOrderMatters) {
-    // Shows the row "fused sum" above can tell the orders apart.
-    const float dx = 0.01f, dy = 0.04f;
-    const float plain = dx * 2.0f * (1 - dy) + (1 - dx) * 1.0f * (1 - dy) + (1 - dx) * 8.0f * dy +
-                        dx * 16.0f * dy;
-    EXPECT_NE(bits(plain), bits(bilinear_sum(1, 2, 8, 16, dx, dy)));
+    // The "fused sum" row would fail with the last step unfused.
+    const float dx = 0.01f, dy = 0.44f;
+    const float t2 = std::fma((1 - dx) * 8, dy, std::fma((1 - dx) * 1, 1 - dy, dx * 2 * (1 - dy)));
+    EXPECT_NE(bits(bilinear_sum(1, 2, 8, 16, dx, dy)), bits(dx * 16 * dy + t2));
 }
 
 // ---- CubicInterpolation -----------------------------------------------------
@@ -288,6 +277,25 @@ TEST(CubicInterpolation, Coefficients) {
     }
     EXPECT_NE(bits(outer0), bits(((a * s1 - 5 * a) * s1 + 8 * a) * s1 - 4 * a));
     EXPECT_NE(bits(inner1), bits(((a + 2) * t - (a + 3)) * t * t + 1));
+}
+
+TEST(CubicInterpolation, AccumulatesFusedRowByRow) {
+    // Weights are the products of the row and column coefficients (read back
+    // above); the sum runs over rows, then columns, each step fused.
+    std::vector<float> plane = pattern(5 * 6, 12);
+    std::vector<float *> rows = rows_of(plane, 6);
+    const float ty = (2.0f + 0.37f) - 2.0f, tx = (1.0f + 0.61f) - 1.0f, a = -0.75f;
+    const std::vector<float> cy = cubic_weights(ty, a), cx = cubic_weights(tx, a);
+    float fused = 0.0f, plain = 0.0f;
+    for (int i = 0; i < 4; ++i) {
+        for (int j = 0; j < 4; ++j) {
+            const float p = plane[(1 + i) * 6 + j];  // rows 1..4, columns 0..3
+            fused = std::fma(p, cx[j] * cy[i], fused);
+            plain = p * (cx[j] * cy[i]) + plain;
+        }
+    }
+    EXPECT_EQ(bits(CubicInterpolation(rows.data(), 5, 6, a, 2.0f + ty, 1.0f + tx)), bits(fused));
+    EXPECT_NE(bits(fused), bits(plain));
 }
 
 TEST(CubicInterpolation, EdgesRepeat) {
