@@ -29,9 +29,10 @@ constexpr uint32_t kSizesInput = 3;
 constexpr uint64_t kTextLen = 32;
 
 // Name tables; a name's position is its code.
-const char *const kCoordinateModes[] = {"half_pixel",    "pytorch_half_pixel",
-                                        "align_corners", "asymmetric",
-                                        "tf_half_pixel_for_nn", "tf_crop_and_resize"};
+const char *const kCoordinateModes[] = {
+    "half_pixel", "pytorch_half_pixel", "align_corners",
+    "asymmetric", "tf_half_pixel_for_nn", "tf_crop_and_resize",
+};
 const char *const kRoundingModes[] = {"round_prefer_floor", "round_prefer_ceil", "floor", "ceil"};
 const char *const kSamplingModes[] = {"nearest", "linear", "cubic"};
 
