@@ -312,6 +312,31 @@ NPU_API uint32_t process_auto_pad_mode(const char *auto_pad, uint32_t in_h, uint
                                        uint32_t *out_h, uint32_t *out_w);
 
 /* ---- Resize sampling helpers --------------------------------------------- */
+/* Source coordinate of output index out_index along one axis. Modes:
+ * 0 half_pixel, 1 pytorch_half_pixel, 2 align_corners, 3 asymmetric,
+ * 4 tf_half_pixel_for_nn, 5 tf_crop_and_resize; any other code prints a notice
+ * on stdout and maps as half_pixel. */
+NPU_API float CoordinateMapping(uint32_t mode, uint32_t out_index, uint32_t in_size,
+                                uint32_t out_size, float scale, float roi_start, float roi_end);
+/* Source pixel of output pixel (out_y, out_x) for nearest sampling; rounding
+ * modes: 0 round_prefer_floor, 1 round_prefer_ceil, 2 floor, 3 ceil. */
+NPU_API void GetNearestPixelCoordinate(uint32_t mode, uint32_t nearest_mode, uint32_t out_y,
+                                       uint32_t out_x, uint32_t *in_y, uint32_t *in_x,
+                                       uint32_t in_h, uint32_t in_w, uint32_t out_h,
+                                       uint32_t out_w, float scale_h, float scale_w,
+                                       float roi_start_h, float roi_end_h, float roi_start_w,
+                                       float roi_end_w);
+/* out_size / in_size; with flag != 0, 0.0 for the modes that use no scale. */
+NPU_API float GetAxisScale(uint32_t mode, uint32_t in_size, uint32_t out_size, uint8_t flag);
+/* The plane's crop box (last two axes) out of a full-rank list of starts then ends. */
+NPU_API void ParseRoiData(const float *roi, uint32_t count, float *start_h, float *end_h,
+                          float *start_w, float *end_w);
+/* rows: in_h row pointers of in_w floats each. Note the argument orders:
+ * column then row here, row then column for the cubic sampler. */
+NPU_API float BiLinearInterpolation(float *const *rows, uint32_t in_h, uint32_t in_w, float x,
+                                    float y);
+NPU_API float CubicInterpolation(float *const *rows, uint32_t in_h, uint32_t in_w, float a,
+                                 float y, float x);
 
 /* ---- Gather, slice and transpose utilities ------------------------------- */
 /* Each returns 0 (gather also 0xa0808003 for an index outside its axis);
@@ -402,6 +427,9 @@ NPU_API uint32_t nms_compute(OperatorContext *handle);
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
+NPU_API uint32_t resize_infershape(OperatorContext *handle);
+NPU_API uint32_t resize_check_supported(OperatorContext *handle);
+NPU_API uint32_t resize_compute(OperatorContext *handle);
 
 NPU_API uint32_t global_averagepool_infershape(OperatorContext *handle);
 NPU_API uint32_t global_averagepool_check_supported(OperatorContext *handle);
