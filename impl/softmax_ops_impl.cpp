@@ -80,14 +80,21 @@ NPU_API uint32_t softmax_compute(OperatorContext *handle) {
     const uint64_t inner = accumulate_mul(in.shape.dims, a + 1, in.shape.dim_num);
     const float *src = static_cast<const float *>(in.buf);
     float *dst = static_cast<float *>(out.buf);
+    // Guard: reads and writes stay inside the two buffers; a slice is cut
+    // where the input ends.
+    const uint64_t in_cap = in.buf_len / sizeof(float);
+    const uint64_t out_cap = out.buf_len / sizeof(float);
     // One slice gathered into a contiguous array at a time.
     float *slice = static_cast<float *>(std::malloc(sizeof(float) * len));
     for (uint64_t o = 0; o < outer; ++o) {
         for (uint64_t i = 0; i < inner; ++i) {
             const uint64_t base = o * len * inner + i;
-            for (uint32_t k = 0; k < len; ++k) slice[k] = src[base + k * inner];
-            float *result = basic_softmax(slice, len);
-            for (uint32_t k = 0; k < len; ++k) dst[base + k * inner] = result[k];
+            uint32_t m = 0;
+            for (; m < len && base + m * inner < in_cap; ++m) slice[m] = src[base + m * inner];
+            float *result = basic_softmax(slice, m);
+            for (uint32_t k = 0; k < m && base + k * inner < out_cap; ++k) {
+                dst[base + k * inner] = result[k];
+            }
             std::free(result);
         }
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 #include "npucpu.h"
 #include "utils/convert.h"
@@ -45,12 +46,23 @@ struct Order {
     npucpu::CompareFn largest;
     npucpu::CompareFn smallest;
 };
+const Order kOrderFp32{by_largest_fp32, by_smallest_fp32};
+// The integer comparators answer 0 on ties; the merge sort keeps those in
+// index order by itself.
+const Order kOrderS32{cmp_largest_s32, cmp_smallest_s32};
+
+// Element capacities of the buffers; the exported kernels have no lengths
+// to go by and pass kUnbounded.
+constexpr uint64_t kUnbounded = std::numeric_limits<uint64_t>::max();
 
 // Selection of one slice after another into the pair array, then the
-// unsorted rearrangements, then the first K pairs written out.
+// unsorted rearrangements, then the first K pairs written out. Reads stay
+// below in_cap input elements (a slice is cut where the input ends) and
+// writes below out_cap elements of each output.
 template <typename T>
-uint32_t top_walk(const T *in, T *out_values, uint32_t *out_indices, const TensorShape &shape,
-                  int32_t k, uint32_t axis, int64_t largest, int64_t sorted, Order order) {
+uint32_t top_walk(const T *in, uint64_t in_cap, T *out_values, uint32_t *out_indices,
+                  uint64_t out_cap, const TensorShape &shape, int32_t k, uint32_t axis,
+                  int64_t largest, int64_t sorted, Order order) {
     // Guard: dims[axis] would lie outside the shape record.
     if (axis >= NPU_MAX_DIMS) return NPU_ERR_INVALID_ARG;
     const int32_t a = static_cast<int32_t>(axis);
@@ -67,27 +79,32 @@ uint32_t top_walk(const T *in, T *out_values, uint32_t *out_indices, const Tenso
     for (uint64_t o = 0; o < outer; ++o) {
         for (uint64_t i = 0; i < inner; ++i) {
             std::memset(pairs, 0, sizeof(TopkPair) * n);
-            for (uint32_t j = 0; j < n; ++j) {
-                pairs[j].index = j;
-                std::memcpy(&pairs[j].value, &in[o * n * inner + j * inner + i], sizeof(T));
+            uint32_t m = 0;  // pairs filled: n unless the input ends first
+            for (; m < n; ++m) {
+                const uint64_t src = o * n * inner + m * inner + i;
+                if (src >= in_cap) break;
+                pairs[m].index = m;
+                std::memcpy(&pairs[m].value, &in[src], sizeof(T));
             }
+            const uint64_t km = std::min<uint64_t>(kk, m);
             if (largest != 0) {
-                npucpu::stable_sort(pairs, n, sizeof(TopkPair), order.largest);
-                if (sorted == 0 && kk >= 2) {
+                npucpu::stable_sort(pairs, m, sizeof(TopkPair), order.largest);
+                if (sorted == 0 && km >= 2) {
                     // The pair at K/2 goes to the front; those before it move
                     // up one place.
-                    const uint64_t h = kk / 2;
+                    const uint64_t h = km / 2;
                     const TopkPair taken = pairs[h];
                     std::memmove(pairs + 1, pairs, sizeof(TopkPair) * h);
                     pairs[0] = taken;
                 }
             } else {
-                npucpu::stable_sort(pairs, n, sizeof(TopkPair), order.smallest);
+                npucpu::stable_sort(pairs, m, sizeof(TopkPair), order.smallest);
                 // Unsorted: the K smallest come out in descending order.
-                if (sorted == 0) npucpu::stable_sort(pairs, kk, sizeof(TopkPair), order.largest);
+                if (sorted == 0) npucpu::stable_sort(pairs, km, sizeof(TopkPair), order.largest);
             }
-            for (uint64_t j = 0; j < kk; ++j) {
+            for (uint64_t j = 0; j < km; ++j) {
                 const uint64_t pos = o * kk * inner + j * inner + i;
+                if (pos >= out_cap) break;
                 std::memcpy(&out_values[pos], &pairs[j].value, sizeof(T));
                 out_indices[pos] = pairs[j].index;
             }
@@ -122,8 +139,8 @@ NPU_API uint32_t get_top_fp32(const float *in, float *out_values, uint32_t *out_
                               int64_t sorted, uint64_t in_len, uint64_t out_len) {
     (void)in_len;
     (void)out_len;
-    return top_walk(in, out_values, out_indices, *shape, k, axis, largest, sorted,
-                    Order{by_largest_fp32, by_smallest_fp32});
+    return top_walk(in, kUnbounded, out_values, out_indices, kUnbounded, *shape, k, axis, largest,
+                    sorted, kOrderFp32);
 }
 
 NPU_API uint32_t get_top_s32(const int32_t *in, int32_t *out_values, uint32_t *out_indices,
@@ -131,10 +148,8 @@ NPU_API uint32_t get_top_s32(const int32_t *in, int32_t *out_values, uint32_t *o
                              int64_t sorted, uint64_t in_len, uint64_t out_len) {
     (void)in_len;
     (void)out_len;
-    // The integer comparators answer 0 on ties; the merge sort keeps those in
-    // index order by itself.
-    return top_walk(in, out_values, out_indices, *shape, k, axis, largest, sorted,
-                    Order{cmp_largest_s32, cmp_smallest_s32});
+    return top_walk(in, kUnbounded, out_values, out_indices, kUnbounded, *shape, k, axis, largest,
+                    sorted, kOrderS32);
 }
 
 NPU_API uint32_t topk_infershape(OperatorContext *handle) {
@@ -210,17 +225,20 @@ NPU_API uint32_t topk_compute(OperatorContext *handle) {
     // sized the outputs.
     k = std::min(k, in0.shape.dims[a]);
 
+    // Guard: the kernel reads and writes no more than the buffers hold.
+    const uint64_t in_cap = in0.buf_len / 4;
+    const uint64_t out_cap = std::min(out0.buf_len, out1.buf_len) / 4;
     uint32_t status;
     if (in0.dtype == NPU_DTYPE_FLOAT32) {
-        status = get_top_fp32(static_cast<const float *>(in0.buf), static_cast<float *>(out0.buf),
-                              static_cast<uint32_t *>(out1.buf), &in0.shape,
-                              static_cast<int32_t>(k), static_cast<uint32_t>(a), largest, sorted,
-                              in0.buf_len, out0.buf_len);
+        status = top_walk(static_cast<const float *>(in0.buf), in_cap,
+                          static_cast<float *>(out0.buf), static_cast<uint32_t *>(out1.buf),
+                          out_cap, in0.shape, static_cast<int32_t>(k), static_cast<uint32_t>(a),
+                          largest, sorted, kOrderFp32);
     } else {
-        status = get_top_s32(static_cast<const int32_t *>(in0.buf),
-                             static_cast<int32_t *>(out0.buf), static_cast<uint32_t *>(out1.buf),
-                             &in0.shape, static_cast<int32_t>(k), static_cast<uint32_t>(a),
-                             largest, sorted, in0.buf_len, out0.buf_len);
+        status = top_walk(static_cast<const int32_t *>(in0.buf), in_cap,
+                          static_cast<int32_t *>(out0.buf), static_cast<uint32_t *>(out1.buf),
+                          out_cap, in0.shape, static_cast<int32_t>(k), static_cast<uint32_t>(a),
+                          largest, sorted, kOrderS32);
     }
     if (status != NPU_OK) {
         NPU_ERROR("Get top index failure \n");

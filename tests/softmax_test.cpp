@@ -133,4 +133,17 @@ TEST(Softmax, RefusalsAndMessages) {
     }
 }
 
+TEST(Softmax, ShortBuffersAreNotOverrun) {
+    // Three input elements behind a [2, 2] shape: the second slice is cut to
+    // one element; an output of three elements receives three.
+    std::vector<float> data = {1, 1, 3, 4};
+    Ctx c(1, 1, 1);
+    c.input(0, shape_of({2, 2}), data.data(), 12);
+    c.attr_int(0, "axis", 1);
+    std::vector<float> out(4, kSentinel);
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), 12);
+    EXPECT_EQ(softmax_compute(c.h), NPU_OK);
+    EXPECT_EQ(out, (std::vector<float>{0.5f, 0.5f, 1.0f, kSentinel}));
+}
+
 }  // namespace

@@ -265,4 +265,20 @@ TEST(Topk, RefusalsAndMessages) {
     }
 }
 
+TEST(Topk, ShortBuffersAreNotOverrun) {
+    // Two input elements behind a shape of four, outputs of one element.
+    std::vector<float> data = {1, 4, 2, 3};
+    uint32_t k = 2;
+    Ctx c(2, 2);
+    c.input(0, shape_of({4}), data.data(), 8);
+    c.input(1, shape_of({1}), &k, 4, NPU_DTYPE_INT32);
+    std::vector<float> values(2, -1.0f);
+    std::vector<uint32_t> indices(2, kSentinel);
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, values.data(), 4);
+    qv_kel_custom_set_output_buf_by_index(c.h, 1, indices.data(), 4);
+    EXPECT_EQ(topk_compute(c.h), NPU_OK);
+    EXPECT_EQ(values, (std::vector<float>{4, -1}));
+    EXPECT_EQ(indices, (std::vector<uint32_t>{1, kSentinel}));
+}
+
 }  // namespace
