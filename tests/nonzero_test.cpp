@@ -11,119 +11,75 @@
 
 using npucpu_test::Ctx;
 using npucpu_test::shape_of;
+using U = std::vector<uint32_t>;
+using I = std::vector<int64_t>;
 
 namespace {
 
-constexpr int64_t kSentinel = -77;
+constexpr int64_t kS = -77;  // sentinel
 
 struct Case {
-    const char *what;
-    std::vector<uint32_t> shape;
-    std::vector<float> data;  // also given as int32 when exact
-    std::vector<int64_t> want;  // packed coordinates at the front
+    U shape;
+    std::vector<float> data;
+    uint32_t dtype;
+    U out_shape;
+    I out;  // the whole declared output after compute
+    uint64_t len = ~0ull;  // input buffer length, if not the data's
 };
 
-struct Result {
-    std::vector<uint32_t> shape;
-    uint32_t dtype = 0, format = 0;
-    uint32_t compute = 0;
-    std::vector<int64_t> out;
-};
-
-Result run(const TensorShape &shape, void *data, uint64_t len, uint32_t dtype) {
-    Ctx c(1, 1);
-    c.input(0, shape, data, len, dtype);
-    Result r;
-    EXPECT_EQ(nonzero_infershape(c.h), NPU_OK);
-    TensorShape s = c.output_shape(0);
-    r.shape = npucpu_test::dims_of(s);
-    qv_kel_custom_get_output_dtype_by_index(c.h, 0, &r.dtype);
-    qv_kel_custom_get_output_format_by_index(c.h, 0, &r.format);
-    r.out.assign(GetElemSize(&s), kSentinel);
-    qv_kel_custom_set_output_buf_by_index(c.h, 0, r.out.data(), r.out.size() * 8);
-    r.compute = nonzero_compute(c.h);
-    return r;
-}
-
-TEST(Nonzero, FloatAndIntegerInputs) {
+TEST(Nonzero, Table) {
     const float nan = std::nanf("");
+    const uint32_t f32 = NPU_DTYPE_FLOAT32, s32 = NPU_DTYPE_INT32;
     const std::vector<Case> cases = {
-        {"2x2 diagonal", {2, 2}, {1, 0, 0, 2}, {0, 1, 0, 1}},
-        {"all zeros", {2, 3}, {0, 0, 0, 0, 0, 0}, {}},
-        {"rank 1", {4}, {0, 3, 0, -4}, {1, 3}},
-        {"rank 3, row-major order", {2, 2, 2}, {0, 5, 0, 0, 6, 0, 0, 7},
-         {0, 1, 1, 0, 0, 1, 1, 0, 1}},
-        {"negative zero is zero, NaN is not", {3}, {-0.0f, nan, 0.0f}, {1}},
-        {"rank 0", {}, {9}, {}},
+        {{2, 2}, {1, 0, 0, 2}, f32, {2, 4}, {0, 1, 0, 1, kS, kS, kS, kS}},
+        {{2, 2}, {1, 0, 0, 2}, s32, {2, 4}, {0, 1, 0, 1, kS, kS, kS, kS}},
+        {{2, 1}, {0, 0}, f32, {2, 2}, I(4, kS)},
+        {{4}, {0, 3, 0, -4}, s32, {1, 4}, {1, 3, kS, kS}},
+        {{2, 2, 2}, {0, 5, 0, 0, 6, 0, 0, 7}, f32, {3, 8},
+         {0, 1, 1, 0, 0, 1, 1, 0, 1, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS, kS}},
+        {{3}, {-0.0f, nan, 0.0f}, f32, {1, 3}, {1, kS, kS}},
+        {{}, {9}, f32, {0, 1}, {}},
+        // The element count comes from the buffer length: the coordinate
+        // counter wraps round past the shape; a partial element is not counted.
+        {{2}, {1, 2, 3, 4}, f32, {1, 4}, {0, 1, 0, 1}},
+        {{2}, {1, 2}, f32, {1, 1}, {0}, 7},
+        {{2}, {1, 2}, NPU_DTYPE_UINT32, {1, 0}, {}},
     };
-    for (const Case &tc : cases) {
-        SCOPED_TRACE(tc.what);
-        const uint32_t r = static_cast<uint32_t>(tc.shape.size());
-        const uint32_t n = static_cast<uint32_t>(tc.data.size());
-        std::vector<int64_t> want = tc.want;
-        want.resize(static_cast<size_t>(r) * n, kSentinel);
-
-        std::vector<float> f = tc.data;
-        Result got = run(shape_of(tc.shape), f.data(), n * 4, NPU_DTYPE_FLOAT32);
-        EXPECT_EQ(got.shape, (std::vector<uint32_t>{r, n}));
-        EXPECT_EQ(got.dtype, NPU_DTYPE_INT64);
-        EXPECT_EQ(got.format, NPU_FORMAT_MATRIX);
-        EXPECT_EQ(got.compute, NPU_OK);
-        EXPECT_EQ(got.out, want);
-
-        bool integral = true;
-        std::vector<int32_t> s;
-        for (float v : tc.data) {
-            integral = integral && v == std::trunc(v);
-            s.push_back(integral ? static_cast<int32_t>(v) : 0);
-        }
-        if (!integral) continue;
-        SCOPED_TRACE("as int32");
-        got = run(shape_of(tc.shape), s.data(), n * 4, NPU_DTYPE_INT32);
-        EXPECT_EQ(got.compute, NPU_OK);
-        EXPECT_EQ(got.out, want);
+    for (size_t n = 0; n < cases.size(); ++n) {
+        const Case &tc = cases[n];
+        SCOPED_TRACE("case " + std::to_string(n));
+        std::vector<int32_t> ints;
+        for (float v : tc.data) ints.push_back(std::isnan(v) ? 1 : static_cast<int32_t>(v));
+        std::vector<float> floats = tc.data;
+        void *buf = tc.dtype == s32 ? static_cast<void *>(ints.data()) : floats.data();
+        Ctx c(1, 1);
+        c.input(0, shape_of(tc.shape), buf, std::min<uint64_t>(tc.len, tc.data.size() * 4),
+                tc.dtype);
+        EXPECT_EQ(nonzero_check_supported(c.h), tc.dtype == NPU_DTYPE_UINT32 ? 0u : 1u);
+        ASSERT_EQ(nonzero_infershape(c.h), NPU_OK);
+        EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), tc.out_shape);
+        uint32_t dtype = 0, format = 0;
+        qv_kel_custom_get_output_dtype_by_index(c.h, 0, &dtype);
+        qv_kel_custom_get_output_format_by_index(c.h, 0, &format);
+        EXPECT_EQ(dtype, NPU_DTYPE_INT64);
+        EXPECT_EQ(format, NPU_FORMAT_MATRIX);
+        I out(tc.out.size() + 1, kS);
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), tc.out.size() * 8);
+        EXPECT_EQ(nonzero_compute(c.h), NPU_OK);
+        I want = tc.out;
+        want.push_back(kS);
+        EXPECT_EQ(out, want);
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, nullptr, 0);
+        EXPECT_EQ(nonzero_compute(c.h), NPU_OK);  // nothing to write into
     }
 }
 
-TEST(Nonzero, ElementCountComesFromTheBufferLength) {
-    // Four elements behind a shape of two: the coordinate counter wraps round.
-    std::vector<float> data = {1, 2, 3, 4};
-    Result got = run(shape_of({2}), data.data(), 16, NPU_DTYPE_FLOAT32);
-    EXPECT_EQ(got.shape, (std::vector<uint32_t>{1, 4}));
-    EXPECT_EQ(got.out, (std::vector<int64_t>{0, 1, 0, 1}));
-    // A trailing partial element is not counted.
-    got = run(shape_of({2}), data.data(), 7, NPU_DTYPE_FLOAT32);
-    EXPECT_EQ(got.shape, (std::vector<uint32_t>{1, 1}));
-    EXPECT_EQ(got.out, (std::vector<int64_t>{0}));
-}
-
-TEST(Nonzero, OtherDataTypesAndMessages) {
-    std::vector<float> data = {1, 2};
-    {
-        Ctx c(1, 1);
-        c.input(0, shape_of({2}), data.data(), 8, NPU_DTYPE_UINT32);
-        EXPECT_EQ(nonzero_check_supported(c.h), 0u);
-        EXPECT_EQ(nonzero_infershape(c.h), NPU_OK);
-        EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), (std::vector<uint32_t>{1, 0}));
-        std::vector<int64_t> out(2, kSentinel);
-        qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), 16);
-        EXPECT_EQ(nonzero_compute(c.h), NPU_OK);
-        EXPECT_EQ(out, (std::vector<int64_t>{kSentinel, kSentinel}));
-    }
-    {
-        Ctx c(1, 1);
-        c.input(0, shape_of({2}), data.data(), 8, NPU_DTYPE_INT32);
-        EXPECT_EQ(nonzero_check_supported(c.h), 1u);
-        // No output buffer: nothing is written, the status stays 0.
-        EXPECT_EQ(nonzero_compute(c.h), NPU_OK);
-    }
-    {
-        Ctx c(2, 1);
-        std::string err = npucpu_test::capture_stderr(
-            [&] { EXPECT_EQ(nonzero_infershape(c.h), NPU_ERR_INPUT_NUM); });
-        EXPECT_EQ(npucpu_test::mask_error_lines(err),
-                  "[E] [custom] [nonzero_ops_impl:L] nonzero only support 1 inputs \n");
-    }
+TEST(Nonzero, Message) {
+    Ctx c(2, 1);
+    std::string err = npucpu_test::capture_stderr(
+        [&] { EXPECT_EQ(nonzero_infershape(c.h), NPU_ERR_INPUT_NUM); });
+    EXPECT_EQ(npucpu_test::mask_error_lines(err),
+              "[E] [custom] [nonzero_ops_impl:L] nonzero only support 1 inputs \n");
 }
 
 }  // namespace

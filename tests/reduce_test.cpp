@@ -13,219 +13,145 @@
 
 using npucpu_test::Ctx;
 using npucpu_test::shape_of;
+using Axes = std::optional<std::vector<int64_t>>;
+using F = std::vector<float>;
 
 namespace {
 
+constexpr float kS = -12345.0f;  // sentinel
 const float kNaN = std::nanf("");
-const float kSentinel = -12345.0f;
 
-struct ReduceOp {
+struct Op {
     const char *name;
-    uint32_t (*infershape)(OperatorContext *);
-    uint32_t (*check_supported)(OperatorContext *);
-    uint32_t (*compute)(OperatorContext *);
+    uint32_t (*infer)(OperatorContext *), (*check)(OperatorContext *), (*compute)(OperatorContext *);
 };
-const ReduceOp kMax{"reducemax", reducemax_infershape, reducemax_check_supported,
-                    reducemax_compute};
-const ReduceOp kMin{"reducemin", reducemin_infershape, reducemin_check_supported,
-                    reducemin_compute};
-const ReduceOp kMean{"reducemean", reducemean_infershape, reducemean_check_supported,
-                     reducemean_compute};
-const ReduceOp *const kAll[] = {&kMax, &kMin, &kMean};
-
-using Axes = std::optional<std::vector<int64_t>>;
-
-void describe(Ctx &c, const TensorShape &shape, std::vector<float> &data, Axes axes,
-              int64_t keepdims) {
-    c.input(0, shape, data);
-    c.attr_int(0, "keepdims", keepdims);
-    if (axes) c.attr_ints(1, "axes", *axes);
-}
-
-uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
-
-// Compares float vectors bit for bit (NaN included), naming the first
-// difference.
-void expect_bits(const std::vector<float> &got, const std::vector<float> &want) {
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-        ASSERT_EQ(bits(got[i]), bits(want[i])) << "index " << i << ": " << got[i] << " vs "
-                                               << want[i];
-    }
-}
+const Op kMax{"reducemax", reducemax_infershape, reducemax_check_supported, reducemax_compute};
+const Op kMin{"reducemin", reducemin_infershape, reducemin_check_supported, reducemin_compute};
+const Op kMean{"reducemean", reducemean_infershape, reducemean_check_supported,
+               reducemean_compute};
 
 struct ShapeCase {
-    const char *what;
     std::vector<uint32_t> shape;
     Axes axes;
     int64_t keepdims;
-    uint32_t status;
-    std::vector<uint32_t> out_shape;  // when status is 0
-    std::string message;              // after "[E] [custom] [<op>_ops_impl:L] "
+    std::vector<uint32_t> out_shape;  // empty and message set: refused
+    std::string message;              // text after the unit, "" for none
+    uint32_t status = NPU_OK;
 };
 
 TEST(Reduce, ShapeInference) {
+    using A = std::vector<int64_t>;
+    const uint32_t kRefused = NPU_ERR_INPUT_NUM;
     const std::vector<ShapeCase> cases = {
-        {"every axis without keepdims", {2, 3, 4}, std::nullopt, 0, 0, {1}, ""},
-        {"every axis with keepdims", {2, 3, 4}, std::nullopt, 1, 0, {1, 1, 1}, ""},
-        {"keepdims 2 acts as 0", {2, 3, 4}, std::vector<int64_t>{1}, 2, 0, {2, 4}, ""},
-        {"empty axes reduce nothing", {2, 3, 4}, std::vector<int64_t>{}, 0, 0, {2, 3, 4}, ""},
-        {"empty axes with keepdims", {2, 3}, std::vector<int64_t>{}, 1, 0, {2, 3}, ""},
-        {"negative axis", {2, 3}, std::vector<int64_t>{-1}, 0, 0, {2}, ""},
-        {"negative axis with keepdims", {2, 3}, std::vector<int64_t>{-1}, 1, 0, {2, 1}, ""},
-        {"count test: [0, 0] on rank 2", {2, 3}, std::vector<int64_t>{0, 0}, 0, 0, {1}, ""},
-        {"[0, 0] with keepdims", {2, 3}, std::vector<int64_t>{0, 0}, 1, 0, {1, 3}, ""},
-        {"two of three axes", {2, 3, 4}, std::vector<int64_t>{2, 0}, 0, 0, {3}, ""},
-        {"rank 0 gives rank 0", {}, std::nullopt, 0, 0, {}, ""},
-        {"axis equal to the rank", {2, 3}, std::vector<int64_t>{2}, 0, NPU_ERR_INPUT_NUM, {},
-         "Reduce Op axis: 2 must be in [-2, 1] \n"},
-        {"axis below -rank", {2, 3}, std::vector<int64_t>{-3}, 1, NPU_ERR_INPUT_NUM, {},
-         "Reduce Op axis: -3 must be in [-2, 1] \n"},
-        {"list longer than the rank", {2, 3}, std::vector<int64_t>{0, 1, 0}, 0,
-         NPU_ERR_INPUT_NUM, {}, ""},
-        {"surplus entry itself out of range", {2, 3}, std::vector<int64_t>{1, 0, 9}, 0,
-         NPU_ERR_INPUT_NUM, {}, ""},
-        {"earlier out-of-range entry still reported", {2, 3}, std::vector<int64_t>{0, 5, 0}, 0,
-         NPU_ERR_INPUT_NUM, {}, "Reduce Op axis: 5 must be in [-2, 1] \n"},
-        {"any entry of a rank-0 input is surplus", {}, std::vector<int64_t>{0}, 0,
-         NPU_ERR_INPUT_NUM, {}, ""},
+        {{2, 3, 4}, std::nullopt, 0, {1}, ""},
+        {{2, 3, 4}, std::nullopt, 1, {1, 1, 1}, ""},
+        {{2, 3, 4}, A{1}, 2, {2, 4}, ""},
+        {{2, 3, 4}, A{}, 0, {2, 3, 4}, ""},
+        {{2, 3}, A{-1}, 1, {2, 1}, ""},
+        {{2, 3}, A{0, 0}, 0, {1}, ""},  // the count alone decides
+        {{2, 3}, A{0, 0}, 1, {1, 3}, ""},
+        {{}, std::nullopt, 0, {}, ""},
+        {{2, 3}, A{2}, 0, {}, "Reduce Op axis: 2 must be in [-2, 1] \n", kRefused},
+        {{2, 3}, A{-3}, 1, {}, "Reduce Op axis: -3 must be in [-2, 1] \n", kRefused},
+        {{2, 3}, A{0, 5, 0}, 0, {}, "Reduce Op axis: 5 must be in [-2, 1] \n", kRefused},
+        {{2, 3}, A{1, 0, 9}, 0, {}, "", kRefused},  // longer than the rank
+        {{}, A{0}, 0, {}, "", kRefused},
     };
-    for (const ReduceOp *op : kAll) {
-        for (const ShapeCase &tc : cases) {
-            SCOPED_TRACE(std::string(op->name) + ": " + tc.what);
-            std::vector<float> data(24, 1.0f);
+    for (const Op *op : {&kMax, &kMin, &kMean}) {
+        for (size_t n = 0; n < cases.size(); ++n) {
+            const ShapeCase &tc = cases[n];
+            SCOPED_TRACE(std::string(op->name) + " case " + std::to_string(n));
+            F data(24, 1.0f);
             Ctx c(1, 1, 2);
-            describe(c, shape_of(tc.shape), data, tc.axes, tc.keepdims);
-            TensorShape before{};
-            before.dim_num = 9;
-            qv_kel_custom_set_output_shape_by_index(c.h, 0, &before);
+            c.input(0, shape_of(tc.shape), data);
+            c.attr_int(0, "keepdims", tc.keepdims);
+            if (tc.axes) c.attr_ints(1, "axes", *tc.axes);
             std::string err =
-                npucpu_test::capture_stderr([&] { EXPECT_EQ(op->infershape(c.h), tc.status); });
-            const std::string want_err =
-                tc.message.empty()
-                    ? ""
-                    : "[E] [custom] [" + std::string(op->name) + "_ops_impl:L] " + tc.message;
-            EXPECT_EQ(npucpu_test::mask_error_lines(err), want_err);
-            TensorShape s = c.output_shape(0);
+                npucpu_test::capture_stderr([&] { EXPECT_EQ(op->infer(c.h), tc.status); });
+            EXPECT_EQ(npucpu_test::mask_error_lines(err),
+                      tc.message.empty() ? "" : "[E] [custom] [" + std::string(op->name) +
+                                                    "_ops_impl:L] " + tc.message);
             if (tc.status == NPU_OK) {
-                EXPECT_EQ(npucpu_test::dims_of(s), tc.out_shape);
-            } else {
-                EXPECT_EQ(s.dim_num, 9) << "output written on refusal";
+                EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), tc.out_shape);
+            }
+            // Compute refuses the over-long list too, and an out-of-range axis.
+            if (tc.status != NPU_OK && !tc.shape.empty()) {
+                F out(6, kS);
+                qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), 24);
+                const bool too_long = tc.axes->size() > tc.shape.size();
+                EXPECT_EQ(op->compute(c.h), too_long ? NPU_ERR_INPUT_NUM : NPU_ERR_INVALID_ARG);
+                EXPECT_EQ(out, F(6, kS));
             }
         }
     }
 }
 
 struct ComputeCase {
-    const char *what;
-    const ReduceOp *op;
+    const Op *op;
     std::vector<uint32_t> shape;
-    std::vector<float> data;
+    F data;
     Axes axes;
-    std::vector<float> want;
+    F want;
 };
 
 TEST(Reduce, Compute) {
-    const std::vector<float> m23 = {1, 2, 3, 4, 5, 6};
-    const std::vector<float> skew = {5, 5, 5, 9, 0, 9};
-    std::vector<float> x234(24);
-    for (int i = 0; i < 24; ++i) x234[i] = static_cast<float>((i * 7) % 11) - 3.0f;
+    using A = std::vector<int64_t>;
+    const F m = {1, 2, 3, 4, 5, 6};
+    const F skew = {5, 5, 5, 9, 0, 9};
+    F x(24);
+    for (int i = 0; i < 24; ++i) x[i] = static_cast<float>((i * 7) % 11) - 3.0f;
     const std::vector<ComputeCase> cases = {
-        {"max over everything", &kMax, {2, 3, 4}, x234, std::nullopt, {7}},
-        {"min over everything", &kMin, {2, 3, 4}, x234, std::nullopt, {-3}},
-        {"max of rows", &kMax, {2, 3}, m23, std::vector<int64_t>{1}, {3, 6}},
-        {"min of columns", &kMin, {2, 3}, m23, std::vector<int64_t>{0}, {1, 2, 3}},
-        {"mean of columns", &kMean, {2, 3}, m23, std::vector<int64_t>{-2}, {2.5f, 3.5f, 4.5f}},
-        {"max with axes [1, 0]", &kMax, {2, 3}, m23, std::vector<int64_t>{1, 0}, {6}},
-        {"max shrinks the working shape", &kMax, {2, 3}, skew, std::vector<int64_t>{1, 0}, {9}},
-        {"min keeps the input shape: [1, 0]", &kMin, {2, 3}, skew, std::vector<int64_t>{1, 0},
-         {5}},
-        {"min in ascending order", &kMin, {2, 3}, skew, std::vector<int64_t>{0, 1}, {0}},
-        {"mean with axes [1, 0] gives 3", &kMean, {2, 3}, m23, std::vector<int64_t>{1, 0}, {3}},
-        {"mean with axes [0, 1] gives 3.5", &kMean, {2, 3}, m23, std::vector<int64_t>{0, 1},
-         {3.5f}},
-        {"mean sums in index order", &kMean, {4}, {1e8f, 1, -1e8f, 1}, std::nullopt, {0.25f}},
-        {"mean of a middle axis", &kMean, {2, 3, 4}, x234, std::vector<int64_t>{1},
-         {-2.0f / 3, 8.0f / 3, 7.0f / 3, 2, 8.0f / 3, 7.0f / 3, 2, 5.0f / 3}},
-        {"empty axes copy the input", &kMean, {2, 3}, m23, std::vector<int64_t>{}, m23},
-        {"NaN first stays the maximum", &kMax, {3}, {kNaN, 1, 2}, std::nullopt, {kNaN}},
-        {"NaN later is skipped by max", &kMax, {3}, {1, kNaN, 2}, std::nullopt, {2}},
-        {"NaN later is skipped by min", &kMin, {3}, {1, kNaN, 0}, std::nullopt, {0}},
-        {"NaN in a mean", &kMean, {2}, {1, kNaN}, std::nullopt, {kNaN}},
-        {"rank 0 is copied", &kMax, {}, {-4}, std::nullopt, {-4}},
+        {&kMax, {2, 3, 4}, x, std::nullopt, {7}},
+        {&kMin, {2, 3, 4}, x, std::nullopt, {-3}},
+        {&kMean, {2, 3, 4}, x, A{1}, {-2.0f / 3, 8.0f / 3, 7.0f / 3, 2, 8.0f / 3, 7.0f / 3, 2,
+                                      5.0f / 3}},
+        {&kMax, {2, 3}, m, A{1}, {3, 6}},
+        {&kMin, {2, 3}, m, A{-2}, {1, 2, 3}},
+        // Several axes: only reducemax shrinks its working shape.
+        {&kMax, {2, 3}, skew, A{1, 0}, {9}},
+        {&kMin, {2, 3}, skew, A{1, 0}, {5}},
+        {&kMin, {2, 3}, skew, A{0, 1}, {0}},
+        {&kMean, {2, 3}, m, A{1, 0}, {3}},
+        {&kMean, {2, 3}, m, A{0, 1}, {3.5f}},
+        {&kMean, {4}, {1e8f, 1, -1e8f, 1}, std::nullopt, {0.25f}},  // index order
+        {&kMean, {2, 3}, m, A{}, m},
+        {&kMax, {3}, {kNaN, 1, 2}, std::nullopt, {kNaN}},
+        {&kMax, {3}, {1, kNaN, 2}, std::nullopt, {2}},
+        {&kMin, {3}, {1, kNaN, 0}, std::nullopt, {0}},
+        {&kMax, {}, {-4}, std::nullopt, {-4}},
+        {&kMean, {2, 0, 3}, {}, A{1}, F(6, kS)},  // zero-length axis: nothing written
     };
-    for (const ComputeCase &tc : cases) {
-        SCOPED_TRACE(std::string(tc.op->name) + ": " + tc.what);
-        std::vector<float> data = tc.data;
-        Ctx c(1, 1, 2);
-        describe(c, shape_of(tc.shape), data, tc.axes, 0);
-        ASSERT_EQ(tc.op->infershape(c.h), NPU_OK);
-        ASSERT_EQ(tc.op->check_supported(c.h), 1u);
-        std::vector<float> &out = c.alloc_output(0, kSentinel);
+    for (size_t n = 0; n < cases.size(); ++n) {
+        const ComputeCase &tc = cases[n];
+        SCOPED_TRACE(std::string(tc.op->name) + " case " + std::to_string(n));
+        F data = tc.data;
+        data.push_back(0);  // a non-null buffer even for no elements
+        Ctx c(1, 1, 1);
+        c.input(0, shape_of(tc.shape), data.data(), tc.data.size() * 4);
+        if (tc.axes) c.attr_ints(0, "axes", *tc.axes);
+        ASSERT_EQ(tc.op->infer(c.h), NPU_OK);
+        EXPECT_EQ(tc.op->check(c.h), 1u);
+        F &out = c.alloc_output(0, kS);
         EXPECT_EQ(tc.op->compute(c.h), NPU_OK);
-        expect_bits(out, tc.want);
-    }
-}
-
-TEST(Reduce, ZeroLengthAxisWritesNothing) {
-    for (const ReduceOp *op : kAll) {
-        SCOPED_TRACE(op->name);
-        std::vector<float> none(1);
-        Ctx c(1, 1, 2);
-        c.input(0, shape_of({2, 0, 3}), none.data(), 0);
-        c.attr_ints(0, "axes", {1});
-        ASSERT_EQ(op->infershape(c.h), NPU_OK);
-        EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), (std::vector<uint32_t>{2, 3}));
-        std::vector<float> &out = c.alloc_output(0, kSentinel);
-        EXPECT_EQ(op->compute(c.h), NPU_OK);
-        expect_bits(out, std::vector<float>(6, kSentinel));
+        ASSERT_EQ(out.size(), tc.want.size());
+        EXPECT_EQ(0, std::memcmp(out.data(), tc.want.data(), out.size() * 4));
     }
 }
 
 TEST(Reduce, ComputeRefusals) {
-    for (const ReduceOp *op : kAll) {
+    for (const Op *op : {&kMax, &kMin, &kMean}) {
         SCOPED_TRACE(op->name);
-        std::vector<float> data = {1, 2, 3, 4};
-        std::vector<float> out(4, kSentinel);
-        auto compute = [&](Ctx &c) {
-            qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), 16);
-            std::string err;
-            uint32_t st = 0;
-            err = npucpu_test::capture_stderr([&] { st = op->compute(c.h); });
-            EXPECT_EQ(err, "");
-            return st;
-        };
-        {
-            Ctx c(1, 1, 2);
-            c.input(0, shape_of({2, 2}), data.data(), 16, NPU_DTYPE_INT32);
-            EXPECT_EQ(op->check_supported(c.h), 0u);
-            EXPECT_EQ(compute(c), NPU_ERR_INVALID_ARG);
-        }
-        {
-            Ctx c(1, 1, 2);
-            c.input(0, shape_of({2, 2}), nullptr, 16);
-            EXPECT_EQ(compute(c), NPU_ERR_INVALID_ARG);
-        }
-        {
-            Ctx c(1, 1, 2);
-            describe(c, shape_of({2, 2}), data, std::vector<int64_t>{0, 1, 1}, 0);
-            EXPECT_EQ(compute(c), NPU_ERR_INPUT_NUM);
-        }
-        {
-            Ctx c(1, 1, 2);
-            describe(c, shape_of({2, 2}), data, std::vector<int64_t>{1, 2}, 0);
-            EXPECT_EQ(compute(c), NPU_ERR_INVALID_ARG);
-        }
-        expect_bits(out, std::vector<float>(4, kSentinel));
-        {
-            Ctx c(1, 1, 2);
-            describe(c, shape_of({2, 2}), data, std::nullopt, 0);
-            EXPECT_EQ(op->compute(c.h), NPU_ERR_INVALID_ARG);  // no output buffer
-        }
+        F data = {1, 2, 3, 4}, out(4, kS);
+        Ctx c(1, 1);
+        c.input(0, shape_of({4}), data.data(), 16, NPU_DTYPE_INT32);
+        EXPECT_EQ(op->check(c.h), 0u);
+        EXPECT_EQ(op->compute(c.h), NPU_ERR_INVALID_ARG);
+        c.input(0, shape_of({4}), data);
+        EXPECT_EQ(op->compute(c.h), NPU_ERR_INVALID_ARG);  // no output buffer
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), 16);
+        c.input(0, shape_of({4}), nullptr, 16);
+        EXPECT_EQ(op->compute(c.h), NPU_ERR_INVALID_ARG);
+        EXPECT_EQ(out, F(4, kS));
     }
 }
 
