@@ -65,21 +65,24 @@ uint32_t arg_compute(OperatorContext *handle, ArgIndexF32 index_f32, ArgIndexS32
     if (in.shape.dim_num == 0 && keepdims != kKeepDims) return NPU_ERR_INPUT_NUM;
 
     // The normalised axis is handed on as unsigned; one below -rank wraps to
-    // a huge value, which the walk refuses (nothing written, status 0).
+    // a huge value.
     const uint32_t axis = static_cast<uint32_t>(normalise_axis(axis_attr, in.shape.dim_num));
-    // Guard: an axis outside the rank is not detected, but the walk reads
-    // and writes no more than the two buffers hold.
+    // Guard: an axis of 16 or more names no dim of the shape record: nothing
+    // is written and the status stays 0.
+    if (axis >= NPU_MAX_DIMS) return NPU_OK;
+    // Guard: any other axis outside the rank is not detected, but the walk
+    // reads and writes no more than the two buffers hold.
     const uint64_t in_cap = in.buf_len / 4;
     const uint64_t out_cap = out.buf_len / sizeof(uint32_t);
     uint32_t *dst = static_cast<uint32_t *>(out.buf);
-    if (in.dtype == NPU_DTYPE_FLOAT32) {
-        arg_walk(static_cast<const float *>(in.buf), in_cap, dst, out_cap, in.shape, axis,
-                 select_last, index_f32);
-    } else {
-        arg_walk(static_cast<const int32_t *>(in.buf), in_cap, dst, out_cap, in.shape, axis,
-                 select_last, index_s32);
-    }
-    return NPU_OK;
+    const bool done =
+        in.dtype == NPU_DTYPE_FLOAT32
+            ? arg_walk(static_cast<const float *>(in.buf), in_cap, dst, out_cap, in.shape, axis,
+                       select_last, index_f32)
+            : arg_walk(static_cast<const int32_t *>(in.buf), in_cap, dst, out_cap, in.shape,
+                       axis, select_last, index_s32);
+    // The scratch array could not be allocated.
+    return done ? NPU_OK : NPU_ERR_INVALID_ARG;
 }
 
 }  // namespace npucpu
