@@ -402,6 +402,68 @@ NPU_API uint32_t remove_bubble_check_supported(OperatorContext *handle);
 NPU_API uint32_t remove_bubble_compute(OperatorContext *handle);
 
 /* ---- Operators: arg-max/min, reductions, softmax, top-k, non-zero -------- */
+NPU_API uint32_t argmax_infershape(OperatorContext *handle);
+NPU_API uint32_t argmax_check_supported(OperatorContext *handle);
+NPU_API uint32_t argmax_compute(OperatorContext *handle);
+NPU_API uint32_t argmin_infershape(OperatorContext *handle);
+NPU_API uint32_t argmin_check_supported(OperatorContext *handle);
+NPU_API uint32_t argmin_compute(OperatorContext *handle);
+/* Index of the largest / smallest of count values: the first occurrence, or
+ * the last when select_last_index is non-zero; 0 when count < 1. */
+NPU_API uint32_t get_max_index_f32(const float *values, int64_t select_last_index, int32_t count);
+NPU_API uint32_t get_max_index_s32(const int32_t *values, int64_t select_last_index, int32_t count);
+NPU_API uint32_t get_min_index_f32(const float *values, int64_t select_last_index, int32_t count);
+NPU_API uint32_t get_min_index_s32(const int32_t *values, int64_t select_last_index, int32_t count);
+/* One index per slice along axis, outer index major, inner index minor. */
+NPU_API void get_max_f32(const float *in_data, uint32_t *out_indices, const TensorShape *shape,
+                         uint32_t axis, int64_t select_last_index);
+NPU_API void get_max_s32(const int32_t *in_data, uint32_t *out_indices, const TensorShape *shape,
+                         uint32_t axis, int64_t select_last_index);
+NPU_API void get_min_f32(const float *in_data, uint32_t *out_indices, const TensorShape *shape,
+                         uint32_t axis, int64_t select_last_index);
+NPU_API void get_min_s32(const int32_t *in_data, uint32_t *out_indices, const TensorShape *shape,
+                         uint32_t axis, int64_t select_last_index);
+NPU_API uint32_t reducemax_infershape(OperatorContext *handle);
+NPU_API uint32_t reducemax_check_supported(OperatorContext *handle);
+NPU_API uint32_t reducemax_compute(OperatorContext *handle);
+NPU_API uint32_t reducemin_infershape(OperatorContext *handle);
+NPU_API uint32_t reducemin_check_supported(OperatorContext *handle);
+NPU_API uint32_t reducemin_compute(OperatorContext *handle);
+NPU_API uint32_t reducemean_infershape(OperatorContext *handle);
+NPU_API uint32_t reducemean_check_supported(OperatorContext *handle);
+NPU_API uint32_t reducemean_compute(OperatorContext *handle);
+NPU_API uint32_t softmax_infershape(OperatorContext *handle);
+NPU_API uint32_t softmax_check_supported(OperatorContext *handle);
+NPU_API uint32_t softmax_compute(OperatorContext *handle);
+/* New malloc'ed array of count elements, exp(x - m) / sum; the caller frees it. */
+NPU_API float *basic_softmax(const float *values, uint32_t count);
+NPU_API uint32_t topk_infershape(OperatorContext *handle);
+NPU_API uint32_t topk_check_supported(OperatorContext *handle);
+NPU_API uint32_t topk_compute(OperatorContext *handle);
+/* Pair record sorted by top-k: element index, then its 32-bit value. */
+typedef struct TopkPair {
+    uint32_t index;
+    union {
+        float f;
+        int32_t i;
+    } value;
+} TopkPair;
+/* qsort-style comparators on two TopkPair records. */
+NPU_API int cmp_largest_s32(const void *a, const void *b);
+NPU_API int cmp_smallest_s32(const void *a, const void *b);
+NPU_API int cmp_largest_fp32(const void *a, const void *b);
+NPU_API int cmp_smallest_fp32(const void *a, const void *b);
+/* K largest (largest != 0) or smallest values of every slice along axis and
+ * their indices; 0, or 0xFFFFFFFF when the pair array cannot be allocated. */
+NPU_API uint32_t get_top_fp32(const float *in, float *out_values, uint32_t *out_indices,
+                              const TensorShape *shape, int32_t k, uint32_t axis, int64_t largest,
+                              int64_t sorted, uint64_t in_len, uint64_t out_len);
+NPU_API uint32_t get_top_s32(const int32_t *in, int32_t *out_values, uint32_t *out_indices,
+                             const TensorShape *shape, int32_t k, uint32_t axis, int64_t largest,
+                             int64_t sorted, uint64_t in_len, uint64_t out_len);
+NPU_API uint32_t nonzero_infershape(OperatorContext *handle);
+NPU_API uint32_t nonzero_check_supported(OperatorContext *handle);
+NPU_API uint32_t nonzero_compute(OperatorContext *handle);
 
 /* ---- Operators: non-maximum suppression, detection output decoder -------- */
 NPU_API uint32_t detect_output_decoder_infershape(OperatorContext *handle);

@@ -1,0 +1,137 @@
+#include "reduce_ops.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "op_context.h"
+#include "op_log.h"
+
+namespace npucpu {
+
+namespace {
+
+// Only keepdims == 1 keeps reduced axes as size-1 dims.
+constexpr int64_t kKeepDims = 1;
+
+bool contains(const std::vector<int64_t> &list, int64_t d) {
+    return std::find(list.begin(), list.end(), d) != list.end();
+}
+
+}  // namespace
+
+uint32_t reduce_infershape(OperatorContext *handle, const char *unit) {
+    const TensorInfo in = input_info(handle, 0);
+    const int64_t keepdims = attr_int(handle, "keepdims", 0);
+    const AttrRecord *axes = qv_kel_custom_get_attr_by_name(handle, "axes");
+    const int64_t r = in.shape.dim_num;
+
+    // The axes to reduce, normalised; absent means every axis.
+    std::vector<int64_t> list;
+    uint64_t n = 0;
+    if (axes != nullptr) {
+        qv_kel_custom_get_attr_ints_size(axes, &n);
+        for (uint64_t i = 0; i < n; ++i) {
+            // Guard: the axis list has room for one entry per input dim only;
+            // a longer list is refused when its first surplus entry is reached.
+            if (i >= static_cast<uint64_t>(r)) return NPU_ERR_INPUT_NUM;
+            int64_t a = 0;
+            qv_kel_custom_get_attr_ints_by_index(axes, i, &a);
+            if (a < -r || a >= r) {
+                NPU_ERROR_AS(unit, "Reduce Op axis: %lld must be in [-%lld, %lld] \n",
+                             static_cast<long long>(a), static_cast<long long>(r),
+                             static_cast<long long>(r - 1));
+                return NPU_ERR_INPUT_NUM;
+            }
+            list.push_back(a < 0 ? a + r : a);
+        }
+    } else {
+        for (int64_t d = 0; d < r; ++d) list.push_back(d);
+        n = static_cast<uint64_t>(r);
+    }
+
+    TensorShape out{};
+    if (keepdims != kKeepDims) {
+        uint8_t m = 0;
+        for (int64_t d = 0; d < r; ++d) {
+            // The test is on the count alone: r entries with repeats ([0, 0])
+            // also collapse the output to [1].
+            if (n == static_cast<uint64_t>(r)) {
+                m = 0;
+                out.dims[m++] = 1;
+                break;
+            }
+            if (!contains(list, d)) out.dims[m++] = in.shape.dims[d];
+        }
+        out.dim_num = m;
+    } else {
+        for (int64_t d = 0; d < r; ++d) out.dims[d] = contains(list, d) ? 1 : in.shape.dims[d];
+        out.dim_num = static_cast<uint8_t>(r);
+    }
+    set_output_desc(handle, 0, out, in.dtype, in.format);
+    return NPU_OK;
+}
+
+uint32_t reduce_check_supported(OperatorContext *handle) {
+    return input_info(handle, 0).dtype == NPU_DTYPE_FLOAT32 ? 1u : 0u;
+}
+
+uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass) {
+    const TensorInfo in = input_info(handle, 0);
+    if (in.dtype != NPU_DTYPE_FLOAT32) return NPU_ERR_INVALID_ARG;
+    if (in.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    attr_int(handle, "keepdims", 0);  // read as infershape does; the layout ignores it
+    const AttrRecord *axes = qv_kel_custom_get_attr_by_name(handle, "axes");
+    const int32_t r = in.shape.dim_num;
+
+    std::vector<int64_t> raw;
+    uint64_t n = 0;
+    if (axes != nullptr) {
+        qv_kel_custom_get_attr_ints_size(axes, &n);
+        for (uint64_t i = 0; i < n; ++i) {
+            // Guard: a list longer than the rank, as in infershape.
+            if (i >= static_cast<uint64_t>(r)) return NPU_ERR_INPUT_NUM;
+            int64_t a = 0;
+            qv_kel_custom_get_attr_ints_by_index(axes, i, &a);
+            raw.push_back(a);
+        }
+    }
+    const TensorInfo out = output_info(handle, 0);
+    if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+
+    // Work buffers A and B start as copies of the whole input buffer; they
+    // hold at least the shape's element count.
+    const uint64_t count = element_count(in.shape);
+    const uint64_t work_len = std::max<uint64_t>((in.buf_len + 3) / 4, count);
+    std::vector<float> a(work_len), b(work_len);
+    if (in.buf_len > 0) {
+        std::memcpy(a.data(), in.buf, in.buf_len);
+        std::memcpy(b.data(), in.buf, in.buf_len);
+    }
+    const uint64_t out_bytes = std::min<uint64_t>(out.buf_len, work_len * sizeof(float));
+
+    std::vector<int64_t> list;
+    if (axes != nullptr) {
+        for (int64_t v : raw) {
+            const int64_t axis = v < 0 ? v + r : v;
+            // Guard: an axis outside the rank (infershape refuses it) would
+            // name a dim the input does not have.
+            if (axis < 0 || axis >= r) return NPU_ERR_INVALID_ARG;
+            list.push_back(axis);
+        }
+    } else {
+        for (int32_t d = 0; d < r; ++d) list.push_back(d);
+    }
+
+    uint32_t work_dims[NPU_MAX_DIMS];
+    std::memcpy(work_dims, in.shape.dims, sizeof(work_dims));
+    for (int64_t axis : list) {
+        pass(ReducePass{a.data(), b.data(), work_dims, in.shape.dims, r,
+                        static_cast<uint32_t>(axis)});
+        b = a;
+    }
+    if (out_bytes > 0) std::memcpy(out.buf, a.data(), out_bytes);
+    return NPU_OK;
+}
+
+}  // namespace npucpu

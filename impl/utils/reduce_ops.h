@@ -1,0 +1,42 @@
+// The code shared by reducemax, reducemin and reducemean: one shape rule and
+// one compute skeleton (reading, the work buffers, the passes, the final
+// copy). What a pass computes, which buffer it reads and whether it shrinks
+// the working shape differ on purpose between the three and stay in each
+// operator's own pass routine.
+#ifndef NPUCPU_IMPL_UTILS_REDUCE_OPS_H
+#define NPUCPU_IMPL_UTILS_REDUCE_OPS_H
+
+#include <cstdint>
+
+#include "npucpu.h"
+
+namespace npucpu {
+
+// One pass over axis `axis`. `a` receives the results compacted at its front;
+// `b` is the copy of `a` taken after the previous pass (before the first:
+// the input); `work_dims` is the working shape (16 dims, zero past the
+// rank), `in_dims` the input's.
+struct ReducePass {
+    float *a;
+    const float *b;
+    uint32_t *work_dims;
+    const uint32_t *in_dims;
+    int32_t rank;
+    uint32_t axis;
+};
+using ReducePassFn = void (*)(const ReducePass &pass);
+
+// Output shape of the three operators; `unit` names the operator in the
+// range message.
+uint32_t reduce_infershape(OperatorContext *handle, const char *unit);
+
+// 1 when input 0 is 32-bit float.
+uint32_t reduce_check_supported(OperatorContext *handle);
+
+// Runs one `pass` per listed axis, in the order given, then copies the front
+// of the work buffer to the output.
+uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass);
+
+}  // namespace npucpu
+
+#endif
