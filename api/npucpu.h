@@ -353,6 +353,19 @@ NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle);
 
 /* ---- Operators: concat, gather, pad, range, slice, transpose ------------- */
 
+NPU_API uint32_t concat_infershape(OperatorContext *handle);
+NPU_API uint32_t concat_check_supported(OperatorContext *handle);
+NPU_API uint32_t concat_compute(OperatorContext *handle);
+NPU_API uint32_t gather_infershape(OperatorContext *handle);
+NPU_API uint32_t gather_check_supported(OperatorContext *handle);
+NPU_API uint32_t gather_compute(OperatorContext *handle);
+NPU_API uint32_t slice_infershape(OperatorContext *handle);
+NPU_API uint32_t slice_check_supported(OperatorContext *handle);
+NPU_API uint32_t slice_compute(OperatorContext *handle);
+NPU_API uint32_t transpose_infershape(OperatorContext *handle);
+NPU_API uint32_t transpose_check_supported(OperatorContext *handle);
+NPU_API uint32_t transpose_compute(OperatorContext *handle);
+
 #ifdef __cplusplus
 }
 #endif
