@@ -523,6 +523,19 @@ NPU_API uint32_t range_infershape(OperatorContext *handle);
 NPU_API uint32_t range_check_supported(OperatorContext *handle);
 NPU_API uint32_t range_compute(OperatorContext *handle);
 
+NPU_API uint32_t concat_infershape(OperatorContext *handle);
+NPU_API uint32_t concat_check_supported(OperatorContext *handle);
+NPU_API uint32_t concat_compute(OperatorContext *handle);
+NPU_API uint32_t gather_infershape(OperatorContext *handle);
+NPU_API uint32_t gather_check_supported(OperatorContext *handle);
+NPU_API uint32_t gather_compute(OperatorContext *handle);
+NPU_API uint32_t slice_infershape(OperatorContext *handle);
+NPU_API uint32_t slice_check_supported(OperatorContext *handle);
+NPU_API uint32_t slice_compute(OperatorContext *handle);
+NPU_API uint32_t transpose_infershape(OperatorContext *handle);
+NPU_API uint32_t transpose_check_supported(OperatorContext *handle);
+NPU_API uint32_t transpose_compute(OperatorContext *handle);
+
 #ifdef __cplusplus
 }
 #endif
