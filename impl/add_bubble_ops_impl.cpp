@@ -1,19 +1,13 @@
 // Copies a densely packed tensor of any data type into an output whose rows
 // (innermost dimension) start every wstride bytes, wstride aligned to 16
 // bytes. The gap ("bubble") at the end of each output row is left untouched.
-#include <cstring>
-
 #include "npucpu.h"
+#include "utils/bubble_rows.h"
 #include "utils/op_context.h"
 
 namespace {
 
 constexpr uint32_t kRowAlign = 16;
-
-// Whether `len` bytes at `offset` lie inside a buffer of `buf_len` bytes.
-bool fits(uint32_t offset, uint32_t len, uint64_t buf_len) {
-    return static_cast<uint64_t>(offset) + len <= buf_len;
-}
 
 }  // namespace
 
@@ -46,24 +40,9 @@ NPU_API uint32_t add_bubble_compute(OperatorContext *handle) {
     const uint32_t rank = in.shape.dim_num;
     const uint32_t width = rank > 0 ? in.shape.dims[rank - 1] : 1u;  // rank 0: one element
     const uint32_t w = width * get_dtype_size(in.dtype);
-    const unsigned char *src = static_cast<const unsigned char *>(in.buf);
-    unsigned char *dst = static_cast<unsigned char *>(out.buf);
-
-    // Guard (both branches): only whole rows that fit in both buffers are
-    // copied; the copy stops at the first row that does not.
-    if (rank < 2) {
-        if (fits(0, w, in.buf_len) && fits(0, w, out.buf_len)) std::memcpy(dst, src, w);
-        return NPU_OK;
-    }
-    const uint32_t rows = accumulate_mul(in.shape.dims, 0, static_cast<int32_t>(rank) - 1);
     uint32_t wstride = 0;
     qv_kel_custom_get_output_wstride_by_index(handle, 0, &wstride);
-    for (uint32_t r = 0; r < rows; ++r) {
-        const uint32_t from = r * w;  // offsets in 32-bit arithmetic
-        const uint32_t to = r * wstride;
-        if (!fits(from, w, in.buf_len) || !fits(to, w, out.buf_len)) break;
-        std::memcpy(dst + to, src + from, w);
-    }
+    npucpu::copy_bubble_rows(in.shape, w, {in.buf, in.buf_len, w}, {out.buf, out.buf_len, wstride});
     return NPU_OK;
 }
 
