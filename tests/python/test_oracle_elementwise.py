@@ -7,7 +7,8 @@ PyTorch agree on the shapes the results must be identical bit for bit
 
 Where they do not agree, the case is left out of the comparison:
 - sum/mean start their output shape from input 0 with its dims
-  left-aligned, so only inputs listed highest rank first are compared;
+  left-aligned, so only inputs listed highest rank first (or a rank-0
+  input 0) are compared;
 - expand takes the target shape as given, PyTorch merges it with the input's
   dims; only shapes PyTorch can expand to are compared;
 - prelu passes a negative zero through unchanged where PyTorch multiplies it
@@ -46,7 +47,7 @@ def _assert_same_bits(got, want, what):
 
 
 def _t(a):
-    return torch.from_numpy(np.ascontiguousarray(a))
+    return torch.from_numpy(np.array(a, order="C"))  # keeps rank 0, unlike ascontiguousarray
 
 
 # ---- pow ------------------------------------------------------------------------------------
@@ -189,9 +190,13 @@ def test_cast_to_float_types_matches_torch(lib):
 
 # ---- sum, mean, expand ----------------------------------------------------------------------
 
-# Input 0 has the highest rank in every case (see the module notes).
+# Input 0 has the highest rank, or rank 0 (its dims then all become 1, which
+# is what PyTorch broadcasts a scalar to), in every case.
 VARIADIC_SHAPES = [
     [(2, 3)],
+    [(), (2, 3)],
+    [(2, 3), (), (2, 3)],
+    [(), ()],
     [(2, 3), (3,)],
     [(2, 1), (1, 4)],
     [(2, 3, 4), (3, 1), (4,), (1, 1, 1)],
@@ -207,7 +212,7 @@ def test_sum_and_mean_match_torch_in_input_order(lib, op):
         xs = [np.array(rng.standard_normal(s) * 10.0 ** rng.integers(-2, 4, size=s), dtype=F32)
               for s in shapes]
         got = npucpu.run(op, xs).outputs[0]
-        out_shape = torch.broadcast_shapes(*shapes)
+        out_shape = np.broadcast_shapes(*shapes)
         # Float additions in input order onto a zeroed output, then (mean)
         # one float division by the input count.
         want = functools.reduce(torch.add, [_t(x) for x in xs], torch.zeros(out_shape))
@@ -218,10 +223,10 @@ def test_sum_and_mean_match_torch_in_input_order(lib, op):
 
 @pytest.mark.parametrize("shape,target", [
     ((3, 1), (2, 3, 4)), ((1,), (5,)), ((2, 1, 3), (2, 4, 3)), ((4,), (3, 2, 4)),
-    ((1, 1), (1, 1)),
+    ((1, 1), (1, 1)), ((), (2, 3)),
 ])
 def test_expand_matches_torch(lib, shape, target):
-    x = np.arange(np.prod(shape), dtype=F32).reshape(shape) - 1.5
+    x = (np.arange(np.prod(shape, dtype=np.int64)) - 1.5).astype(F32).reshape(shape)
     got = npucpu.run("expand", [x, np.array(target, dtype=np.int64)]).outputs[0]
     _assert_same_bits(got, _t(x).expand(target).contiguous().numpy(), "expand")
 

@@ -35,7 +35,7 @@ EPS = float(np.finfo(F32).eps) / 2   # unit roundoff of float32, 2**-24
 
 
 def _t(a):
-    return torch.from_numpy(np.ascontiguousarray(a))
+    return torch.from_numpy(np.array(a, order="C"))  # keeps rank 0, unlike ascontiguousarray
 
 
 # ---- argmax / argmin ------------------------------------------------------------------------

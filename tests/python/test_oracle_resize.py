@@ -38,7 +38,7 @@ COORD = {False: "half_pixel", True: "align_corners"}
 
 
 def _t(a):
-    return torch.from_numpy(np.ascontiguousarray(a))
+    return torch.from_numpy(np.array(a, order="C"))  # keeps rank 0, unlike ascontiguousarray
 
 
 def _run_resize(x, out_hw, attrs, by_scales=False):

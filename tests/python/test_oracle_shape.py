@@ -39,7 +39,7 @@ EPS = float(np.finfo(F32).eps) / 2
 
 
 def _t(a):
-    return torch.from_numpy(np.ascontiguousarray(a))
+    return torch.from_numpy(np.array(a, order="C"))  # keeps rank 0, unlike ascontiguousarray
 
 
 def _values(rng, shape, dtype=F32):
