@@ -348,6 +348,19 @@ NPU_API uint32_t detect_output_decoder_check_supported(OperatorContext *handle);
 NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle);
 
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
+/* conv: grouped, strided, dilated, padded 2-D convolution (NCHW input, OIHW
+ * filters, optional bias of M values). */
+NPU_API uint32_t conv_infershape(OperatorContext *handle);
+NPU_API uint32_t conv_check_supported(OperatorContext *handle);
+NPU_API uint32_t conv_compute(OperatorContext *handle);
+/* One group: pads input, dilates filter, column matrix, gemm into output
+ * (accumulated), then + bias when given. dilations both 0 become 1, 1. */
+NPU_API uint32_t compute_one_group_conv(const Tensor *input, const Tensor *filter,
+                                        const Tensor *bias, Tensor *output, uint32_t dilations[2],
+                                        const uint32_t pads[4], const uint32_t strides[2]);
+/* New filter Tensor with dims[2], dims[3] spread by the dilations (zeros
+ * between taps); dilations both 0 are set to 1, 1 in the caller's array. */
+NPU_API Tensor *do_dilation_conv(const Tensor *filter, uint32_t dilations[2]);
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
 
