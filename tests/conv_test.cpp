@@ -2,6 +2,7 @@
 // with a reference convolution that follows the same fused chain.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
