@@ -61,14 +61,13 @@ ColumnPlan plan_columns(const TensorShape &image, uint32_t image_format, const T
     p.batches = im.n;
     p.positions = static_cast<uint32_t>(out_h * out_w);
     p.row_len = static_cast<uint32_t>(im.c * k.w * k.h);
-    p.count = p.batches * p.positions;
-    // Saturate instead of wrapping: any count past INT32_MAX is refused alike.
-    if (p.row_len != 0 && p.count > UINT64_MAX / p.row_len) {
-        p.count = UINT64_MAX;
-    } else {
-        p.count *= p.row_len;
-    }
+    p.count = saturating_mul(saturating_mul(p.batches, p.positions), p.row_len);
     return p;
+}
+
+uint64_t saturating_mul(uint64_t a, uint64_t b) {
+    if (a != 0 && b > UINT64_MAX / a) return UINT64_MAX;
+    return a * b;
 }
 
 bool columns_fit(const ColumnPlan &cols) { return cols.count <= static_cast<uint64_t>(INT32_MAX); }
@@ -83,7 +82,7 @@ bool gemm_fits(const ColumnPlan &cols, const TensorShape &b, uint32_t b_format,
         const Layout4 f = layout_dims(b, b_format);
         if (cols.batches == 0 || cols.positions == 0 || f.h == 0) return true;
         if (static_cast<uint64_t>(f.h - 1) * f.w + cols.row_len > b_count) return false;
-        return cols.batches * cols.positions * f.h <= out_count;
+        return saturating_mul(saturating_mul(cols.batches, cols.positions), f.h) <= out_count;
     }
     if (out_format == NPU_FORMAT_MATRIX) {
         // Matrix mode: out (M x N) from a (M x K) and b (K x N), K = a's dims[1] = 1.

@@ -40,12 +40,15 @@ TensorShape dilated_shape(TensorShape shape, uint32_t dilation_h, uint32_t dilat
 // Grows dims[2] and dims[3] by the pads, as do_padding does.
 TensorShape padded_shape(TensorShape shape, const uint32_t pads[4]);
 
+// a * b, or UINT64_MAX when that does not fit.
+uint64_t saturating_mul(uint64_t a, uint64_t b);
+
 // The column matrix img_2_col builds for image and kernel at strides.
 struct ColumnPlan {
     uint64_t batches;    // image batch count
     uint64_t positions;  // rows per batch: out_h * out_w in 32 bits
     uint64_t row_len;    // values per row: C * kW * kH in 32 bits
-    uint64_t count;      // batches * positions * row_len, without wrapping
+    uint64_t count;      // batches * positions * row_len, saturating
 };
 ColumnPlan plan_columns(const TensorShape &image, uint32_t image_format, const TensorShape &kernel,
                         uint32_t kernel_format, const uint32_t strides[2]);

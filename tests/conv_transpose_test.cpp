@@ -147,7 +147,8 @@ Floats reference_transpose(const Geometry &g, const Floats &x, const Floats &w, 
                                 const int64_t zy = oy + r - top;
                                 const int64_t zx = ox + q - left;
                                 float xv = 0.0f;
-                                if (zy >= 0 && zy < hz && zx >= 0 && zx < wz && zy % g.sh == 0 && zx % g.sw == 0) {
+                                const bool inside = zy >= 0 && zy < hz && zx >= 0 && zx < wz;
+                                if (inside && zy % g.sh == 0 && zx % g.sw == 0) {
                                     xv = x[((n * g.C + ci) * g.H + zy / g.sh) * g.W + zx / g.sw];
                                 }
                                 const int64_t rr = kh_eff - 1 - r;
@@ -228,8 +229,12 @@ TEST(ConvTranspose, MatchesReferenceBitwiseOverSweep) {
         g.pads[1] = rng.pick(0, (g.kw - 1) * g.dw);
         g.pads[3] = rng.pick(0, (g.kw - 1) * g.dw);
         // Keep at least one output row and column.
-        while (g.pads[0] + g.pads[2] > (g.H - 1) * g.sh + (g.kh - 1) * g.dh) --(g.pads[0] > 0 ? g.pads[0] : g.pads[2]);
-        while (g.pads[1] + g.pads[3] > (g.W - 1) * g.sw + (g.kw - 1) * g.dw) --(g.pads[1] > 0 ? g.pads[1] : g.pads[3]);
+        while (g.pads[0] + g.pads[2] > (g.H - 1) * g.sh + (g.kh - 1) * g.dh) {
+            --(g.pads[0] > 0 ? g.pads[0] : g.pads[2]);
+        }
+        while (g.pads[1] + g.pads[3] > (g.W - 1) * g.sw + (g.kw - 1) * g.dw) {
+            --(g.pads[1] > 0 ? g.pads[1] : g.pads[3]);
+        }
         Floats x(static_cast<size_t>(g.N) * g.C * g.H * g.W);
         Floats w(static_cast<size_t>(g.C) * (g.M / g.group) * g.kh * g.kw);
         for (float &v : x) v = rng.value();
@@ -307,7 +312,8 @@ TEST(ConvTranspose, InfershapeChecksInOrder) {
         // in 4, kernel 3, stride 2 on both axes: the width is reported first.
         {"VALID leaves data over", {1, 1, 4, 4}, {1, 1, 3, 3}, false, 1, {{"strides", {2, 2}}}, "VALID",
          NPU_FAIL,
-         kPrefix + "Not support drop right data when auto_pad is VALID \n" + kPrefix + "Process auto_pad fail \n"},
+         kPrefix + "Not support drop right data when auto_pad is VALID \n" + kPrefix +
+             "Process auto_pad fail \n"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -344,7 +350,8 @@ TEST(ConvTranspose, InferredShapes) {
          {{"strides", {2, 2}}, {"output_padding", {1, 0}}}, "NOTSET", {1, 1, 7, 8}},
         // Without kernel_shape the filters' width is the kernel height.
         {"kernel axes crossed", {1, 1, 2, 2}, {1, 1, 2, 3}, {}, "NOTSET", {1, 1, 4, 3}},
-        {"kernel_shape given", {1, 1, 2, 2}, {1, 1, 2, 3}, {{"kernel_shape", {2, 3}}}, "NOTSET", {1, 1, 3, 4}},
+        {"kernel_shape given", {1, 1, 2, 2}, {1, 1, 2, 3}, {{"kernel_shape", {2, 3}}}, "NOTSET",
+         {1, 1, 3, 4}},
         {"group multiplies the filters' channels", {2, 4, 2, 2}, {4, 3, 1, 1}, {}, "NOTSET", {2, 6, 2, 2}},
         {"explicit pads", {1, 1, 3, 3}, {1, 1, 3, 3}, {{"pads", {1, 0, 2, 1}}}, "NOTSET", {1, 1, 2, 4}},
         {"SAME_LOWER pads the totals", {1, 1, 3, 3}, {1, 1, 3, 3}, {{"strides", {2, 2}}}, "SAME_LOWER",
@@ -377,7 +384,8 @@ TEST(ConvTranspose, OutputShapeSettlesThePads) {
         const char *auto_pad;
         uint32_t pads[4];
     };
-    const Case cases[] = {{"SAME_UPPER", {0, 0, 1, 1}}, {"SAME_LOWER", {1, 1, 0, 0}}, {"NOTSET", {1, 1, 0, 0}}};
+    const Case cases[] = {
+        {"SAME_UPPER", {0, 0, 1, 1}}, {"SAME_LOWER", {1, 1, 0, 0}}, {"NOTSET", {1, 1, 0, 0}}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.auto_pad);
         std::memcpy(g.pads, c.pads, sizeof g.pads);
@@ -431,7 +439,8 @@ TEST(ConvTranspose, ComputedValues) {
     const Case cases[] = {
         {"stride 2 spread", spread, {2, 0, 4, 0, 6, 0, 0, 0, 0, 0, 8, 0, 10, 0, 12,
                                      0, 0, 0, 0, 0, 14, 0, 16, 0, 18}},
-        {"clamped total", clamped, {1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
+        {"clamped total", clamped, {1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 0, 0, 0,
+                                    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}},
         {"bias per output channel", biased, {1.5f, 12.5f, 20.5f, 99.5f, 1199.5f, 1999.5f}},
     };
     for (const Case &c : cases) {
@@ -473,7 +482,8 @@ TEST(ConvTranspose, ComputeGuardsWriteNothing) {
     with("filters' dims[0] not C", [](TransposeCase &s) {
         s.w = {2, 1, 1, 1}, s.wd = Floats(2, 1.0f), s.force_out = {1, 1, 3, 3};
     });
-    with("filters' dims[1] x group not the output channels", [](TransposeCase &s) { s.force_out = {1, 2, 3, 3}; });
+    with("filters' dims[1] x group not the output channels",
+         [](TransposeCase &s) { s.force_out = {1, 2, 3, 3}; });
     with("no output channel", [](TransposeCase &s) {
         s.w = {4, 0, 1, 1}, s.wd = Floats(1, 1.0f), s.force_out = {1, 0, 3, 3};
     });
