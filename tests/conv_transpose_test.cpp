@@ -515,6 +515,19 @@ TEST(ConvTranspose, ComputeMissingBuffers) {
     }
 }
 
+TEST(ConvTranspose, SplitFailureIsReported) {
+    TransposeCase s;
+    s.x = {4};
+    s.xd = Floats(4, 1.0f);
+    s.w = {1, 1, 1, 1};
+    s.wd = {1};
+    s.force_out = {1, 1, 2, 2};
+    const Result r = run(s);
+    EXPECT_EQ(r.status, NPU_FAIL);
+    EXPECT_EQ(r.err, "[E] [custom] [tensor_ops:L] Split axis  is great than input shape  \n" + kPrefix +
+                         "Split input fail \n");
+}
+
 TEST(ConvTranspose, ProcessAutoPad) {
     struct Case {
         const char *mode;
