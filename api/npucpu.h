@@ -487,6 +487,33 @@ NPU_API uint32_t nms_check_supported(OperatorContext *handle);
 NPU_API uint32_t nms_compute(OperatorContext *handle);
 
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
+/* conv: grouped, strided, dilated, padded 2-D convolution (NCHW input, OIHW
+ * filters, optional bias of M values). */
+NPU_API uint32_t conv_infershape(OperatorContext *handle);
+NPU_API uint32_t conv_check_supported(OperatorContext *handle);
+NPU_API uint32_t conv_compute(OperatorContext *handle);
+/* One group: pads input, dilates filter, column matrix, gemm into output
+ * (accumulated), then + bias when given. dilations both 0 become 1, 1. */
+NPU_API uint32_t compute_one_group_conv(const Tensor *input, const Tensor *filter,
+                                        const Tensor *bias, Tensor *output, uint32_t dilations[2],
+                                        const uint32_t pads[4], const uint32_t strides[2]);
+/* New filter Tensor with dims[2], dims[3] spread by the dilations (zeros
+ * between taps); dilations both 0 are set to 1, 1 in the caller's array. */
+NPU_API Tensor *do_dilation_conv(const Tensor *filter, uint32_t dilations[2]);
+/* conv_transpose: 2-D transposed convolution (filters [C, M/group, kH, kW]). */
+NPU_API uint32_t conv_transpose_infershape(OperatorContext *handle);
+NPU_API uint32_t conv_transpose_check_supported(OperatorContext *handle);
+NPU_API uint32_t conv_transpose_compute(OperatorContext *handle);
+/* Pads from the total padding per axis under auto_pad ("SAME_UPPER",
+ * "SAME_LOWER", "VALID", "NOTSET", compared by prefix); 0, NPU_ERR_SHAPE for
+ * VALID with data left over, NPU_ERR_INVALID_ARG for another mode. */
+NPU_API uint32_t process_auto_pad(const char *auto_pad, uint32_t total_h, uint32_t total_w,
+                                  uint32_t in_h, uint32_t in_w, uint32_t stride_h,
+                                  uint32_t stride_w, uint32_t kernel_h, uint32_t kernel_w,
+                                  uint32_t pads[4]);
+/* New Tensor with input's pixels spread stride apart in each plane, zeros
+ * between them. */
+NPU_API Tensor *do_zero_filling(const Tensor *input, const uint32_t strides[2]);
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
 NPU_API uint32_t resize_infershape(OperatorContext *handle);
