@@ -3,7 +3,7 @@
 // Each group is padded, its filters are dilated by spreading them out, the
 // padded input becomes a column matrix, and gemm's convolution mode
 // multiplies the two into the group's output channels.
-#include "conv_ops_impl.h"
+#include "utils/conv_common.h"
 
 #include <cstdlib>
 #include <cstring>

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "conv_ops_impl.h"
+#include "utils/conv_common.h"
 #include "npucpu.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"

@@ -3,8 +3,8 @@
 // will work with, derived the way the kernels derive them, so that compute
 // can refuse a configuration that would take a kernel outside its buffers
 // before anything is written.
-#ifndef NPUCPU_IMPL_CONV_OPS_IMPL_H
-#define NPUCPU_IMPL_CONV_OPS_IMPL_H
+#ifndef NPUCPU_IMPL_UTILS_CONV_COMMON_H
+#define NPUCPU_IMPL_UTILS_CONV_COMMON_H
 
 #include <cstdint>
 
