@@ -489,6 +489,13 @@ NPU_API uint32_t nms_compute(OperatorContext *handle);
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
+NPU_API uint32_t averagepool_infershape(OperatorContext *handle);
+NPU_API uint32_t averagepool_check_supported(OperatorContext *handle);
+NPU_API uint32_t averagepool_compute(OperatorContext *handle);
+NPU_API uint32_t maxpool_infershape(OperatorContext *handle);
+NPU_API uint32_t maxpool_check_supported(OperatorContext *handle);
+NPU_API uint32_t maxpool_compute(OperatorContext *handle);
+
 NPU_API uint32_t resize_infershape(OperatorContext *handle);
 NPU_API uint32_t resize_check_supported(OperatorContext *handle);
 NPU_API uint32_t resize_compute(OperatorContext *handle);
