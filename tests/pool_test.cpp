@@ -359,21 +359,33 @@ TEST(Pool, ComputeGuards) {
             EXPECT_EQ(pos, avg ? (std::vector<uint32_t>{7, 7, 7}) : (std::vector<uint32_t>{0, 1, 7}));
         }
 
-        // A kernel taller than the padded plane wraps the window bound; rows
-        // past the end of the padded tensor take no part, and the output
-        // length ends the walk: windows (0, 0), (0, 1), then (1, 0) empty.
-        {
-            Ctx ctx(1, avg ? 1 : 2, 1);
+        // A kernel larger than the padded 1 x 2 plane wraps the window
+        // bound; elements past the end of the padded tensor take no part, and
+        // the output length (3) ends the walk.
+        struct Oversized {
+            std::vector<int64_t> kernel;
+            std::vector<float> mean, max;
+            std::vector<uint32_t> positions;
+        };
+        const std::vector<Oversized> oversized = {
+            // Windows (0, 0), (0, 1), then (1, 0) holding nothing.
+            {{2, 1}, {1, 2, N}, {1, 2, kMin}, {0, 1, 0}},
+            // Windows (0, 0) holding 1 and 2, (0, 1) holding 2, (0, 2) nothing.
+            {{1, 3}, {1.5f, 2, N}, {2, 2, kMin}, {1, 1, 0}},
+        };
+        for (const Oversized &t : oversized) {
+            Ctx ctx(1, avg ? 1 : 2, 2);
             std::vector<float> row = {1, 2};
             ctx.input(0, shape_of({1, 1, 1, 2}), row);
-            ctx.attr_ints(0, "kernel_shape", {2, 1});
+            ctx.attr_ints(0, "kernel_shape", t.kernel);
+            ctx.attr_int(1, "count_include_pad", 1);
             std::vector<float> out(3, 42.0f);
             std::vector<uint32_t> pos(3, 7);
             qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
             if (!avg) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 12);
             EXPECT_EQ(compute(*op, ctx), 0u);
-            EXPECT_EQ(bits(out), bits(std::vector<float>{1, 2, avg ? N : kMin}));
-            EXPECT_EQ(pos, avg ? (std::vector<uint32_t>{7, 7, 7}) : (std::vector<uint32_t>{0, 1, 0}));
+            EXPECT_EQ(bits(out), bits(avg ? t.mean : t.max));
+            EXPECT_EQ(pos, avg ? std::vector<uint32_t>(3, 7) : t.positions);
         }
     }
 }
