@@ -516,6 +516,13 @@ NPU_API uint32_t process_auto_pad(const char *auto_pad, uint32_t total_h, uint32
 NPU_API Tensor *do_zero_filling(const Tensor *input, const uint32_t strides[2]);
 
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
+NPU_API uint32_t averagepool_infershape(OperatorContext *handle);
+NPU_API uint32_t averagepool_check_supported(OperatorContext *handle);
+NPU_API uint32_t averagepool_compute(OperatorContext *handle);
+NPU_API uint32_t maxpool_infershape(OperatorContext *handle);
+NPU_API uint32_t maxpool_check_supported(OperatorContext *handle);
+NPU_API uint32_t maxpool_compute(OperatorContext *handle);
+
 NPU_API uint32_t resize_infershape(OperatorContext *handle);
 NPU_API uint32_t resize_check_supported(OperatorContext *handle);
 NPU_API uint32_t resize_compute(OperatorContext *handle);
