@@ -488,6 +488,13 @@ NPU_API uint32_t nms_compute(OperatorContext *handle);
 
 /* ---- Operators: convolution, transposed convolution, gemm, matmul -------- */
 
+NPU_API uint32_t gemm_infershape(OperatorContext *handle);
+NPU_API uint32_t gemm_check_supported(OperatorContext *handle);
+NPU_API uint32_t gemm_compute(OperatorContext *handle);
+NPU_API uint32_t matmul_infershape(OperatorContext *handle);
+NPU_API uint32_t matmul_check_supported(OperatorContext *handle);
+NPU_API uint32_t matmul_compute(OperatorContext *handle);
+
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
 NPU_API uint32_t resize_infershape(OperatorContext *handle);
 NPU_API uint32_t resize_check_supported(OperatorContext *handle);
