@@ -515,6 +515,13 @@ NPU_API uint32_t process_auto_pad(const char *auto_pad, uint32_t total_h, uint32
  * between them. */
 NPU_API Tensor *do_zero_filling(const Tensor *input, const uint32_t strides[2]);
 
+NPU_API uint32_t gemm_infershape(OperatorContext *handle);
+NPU_API uint32_t gemm_check_supported(OperatorContext *handle);
+NPU_API uint32_t gemm_compute(OperatorContext *handle);
+NPU_API uint32_t matmul_infershape(OperatorContext *handle);
+NPU_API uint32_t matmul_check_supported(OperatorContext *handle);
+NPU_API uint32_t matmul_compute(OperatorContext *handle);
+
 /* ---- Operators: pooling, LRN, resize, depth to space --------------------- */
 NPU_API uint32_t averagepool_infershape(OperatorContext *handle);
 NPU_API uint32_t averagepool_check_supported(OperatorContext *handle);
