@@ -6,7 +6,7 @@ namespace npucpu {
 
 // Defined only in the test/benchmark build; in libnpucpu.so this weak
 // reference stays unresolved (null) and the detected level always applies.
-__attribute__((weak)) bool forced_isa_level(Isa *level);
+__attribute__((weak, visibility("hidden"))) bool forced_isa_level(Isa *level);
 
 namespace {
 
