@@ -177,9 +177,9 @@ def cmd_run(args):
     attrs = dict(parse_attr(a) for a in args.attr)
     if args.log_level is not None:
         lib.set_log_level(args.log_level)
-    for k, (path, spec) in enumerate(zip(args.input, inputs)):
-        what = "null buffer" if spec.buffer is None else \
-            "shape %s %s" % (spec.shape, spec.buffer.dtype)
+    for k, (path, desc) in enumerate(zip(args.input, inputs)):
+        what = "null buffer" if desc.buffer is None else \
+            "shape %s %s" % (desc.shape, desc.buffer.dtype)
         print("input %d: %s (%s)" % (k, path, what))
     for name, a in attrs.items():
         print("attr %s: %s %r" % (name, a.type, a.value))

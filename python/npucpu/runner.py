@@ -282,11 +282,11 @@ def describe(ctx, inputs, attrs=None, outputs=1):
     ctx.set_inputs_num(len(specs))
     ctx.set_outputs_num(outputs)
     ctx.set_attrs_num(len(attrs))
-    for i, spec in enumerate(specs):
-        ctx.set_input_by_index(i, spec.code, spec.format, spec.shape, spec.buffer,
-                               spec.buf_len, spec.batch_mode)
-        if spec.wstride is not None:
-            ctx.set_input_wstride_by_index(i, spec.wstride)
+    for i, desc in enumerate(specs):
+        ctx.set_input_by_index(i, desc.code, desc.format, desc.shape, desc.buffer,
+                               desc.buf_len, desc.batch_mode)
+        if desc.wstride is not None:
+            ctx.set_input_wstride_by_index(i, desc.wstride)
     for k, (name, value) in enumerate(attrs.items()):
         code, buf, n = encode_attr(value)
         ctx.set_attr_by_index(k, name, code, buf, n)
