@@ -273,16 +273,16 @@ def _as_input(item):
 def describe(ctx, inputs, attrs=None, outputs=1):
     """Set counts, inputs and attributes on a fresh context; returns the
     Input descriptions (their buffers must outlive the call)."""
-    specs = [_as_input(x) for x in inputs]
+    descs = [_as_input(x) for x in inputs]
     attrs = dict(attrs or {})
     for name in attrs:
         if len(str(name).encode("utf-8")) >= _lib.ATTR_NAME_LEN:
             raise ValueError("attribute name %r is longer than %d bytes"
                              % (name, _lib.ATTR_NAME_LEN - 1))
-    ctx.set_inputs_num(len(specs))
+    ctx.set_inputs_num(len(descs))
     ctx.set_outputs_num(outputs)
     ctx.set_attrs_num(len(attrs))
-    for i, desc in enumerate(specs):
+    for i, desc in enumerate(descs):
         ctx.set_input_by_index(i, desc.code, desc.format, desc.shape, desc.buffer,
                                desc.buf_len, desc.batch_mode)
         if desc.wstride is not None:
@@ -290,7 +290,7 @@ def describe(ctx, inputs, attrs=None, outputs=1):
     for k, (name, value) in enumerate(attrs.items()):
         code, buf, n = encode_attr(value)
         ctx.set_attr_by_index(k, name, code, buf, n)
-    return specs
+    return descs
 
 
 def run(op, inputs, attrs=None, outputs=1, raw=False, *, force=False, library=None,
