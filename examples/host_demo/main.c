@@ -7,6 +7,7 @@
  *
  * Exit status: 0 every node succeeded, 1 a node failed or the library could
  * not be used, 2 bad arguments or a bad pipeline description. */
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -113,7 +114,7 @@ static int load_pipeline(const Options *o, Pipeline *p) {
     }
     char *text = read_text_file(o->pipeline);
     if (text == NULL) {
-        fprintf(stderr, "host_demo: cannot read %s\n", o->pipeline);
+        fprintf(stderr, "host_demo: cannot read %s: %s\n", o->pipeline, strerror(errno));
         return -1;
     }
     char dir[DEMO_PATH_LEN];

@@ -1,3 +1,6 @@
+/* clock_gettime */
+#define _POSIX_C_SOURCE 200809L
+
 #include "run.h"
 
 #include <stdlib.h>
@@ -274,13 +277,16 @@ void print_results(const Pipeline *p, const TensorTable *tensors, FILE *out) {
         if (t == NULL) continue;
         char shape[NPU_MAX_DIMS * 11 + 8];
         shape_format(&t->shape, shape, sizeof shape);
-        fprintf(out, "  %-14s %-8s %-12s", t->name, dtype_name(t->dtype), shape);
         size_t size = dtype_size(t->dtype);
         uint64_t count = size ? t->len / size : 0;
         if (shape_elements(&t->shape) < count) count = shape_elements(&t->shape);
         uint64_t cols = t->shape.dim_num >= 2 ? t->shape.dims[t->shape.dim_num - 1] : count;
         uint64_t rows = cols ? (count + cols - 1) / cols : 0;
         if (t->data == NULL) rows = 0;
+        if (rows > 1)
+            fprintf(out, "  %-14s %-8s %s", t->name, dtype_name(t->dtype), shape);
+        else
+            fprintf(out, "  %-14s %-8s %-12s", t->name, dtype_name(t->dtype), shape);
         for (uint64_t i = 0; i < rows && i < MAX_ROWS; ++i) {
             if (rows > 1) fprintf(out, "\n  %-14s %-8s %-12s", "", "", "");
             for (uint64_t j = 0; j < cols && j < MAX_COLS && i * cols + j < count; ++j)
