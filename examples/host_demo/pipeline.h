@@ -23,7 +23,7 @@
 
 #include "tensor.h"
 
-#define STEP_MAX_INPUTS 8
+#define STEP_MAX_INPUTS 32 /* concat, sum and mean take any number */
 #define STEP_MAX_OUTPUTS 4
 #define STEP_MAX_ATTRS 16
 #define PIPELINE_MAX_RESULTS 16
