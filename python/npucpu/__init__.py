@@ -14,6 +14,7 @@ from ._lib import (NPU_ERR_INPUT, NPU_ERR_INPUT_NUM, NPU_ERR_INVALID_ARG, NPU_ER
 from .context import Context
 from .dtypes import DtypeError, code_of, dtype_of
 from .runner import Attr, Input, OpError, Result, describe, encode_attr, run
+from .version import VersionUnknown, version
 
 
 def operators(library=None):
@@ -26,6 +27,6 @@ __all__ = [
     "Attr", "AttrRecord", "Context", "DtypeError", "Input", "Library", "LibraryNotFound",
     "NpuString", "OpError", "OperatorContext", "Result", "TensorDesc", "TensorShape",
     "UnknownOperator", "code_of", "describe", "dtype_of", "encode_attr", "find_library",
-    "load", "operators", "run", "status_name", "NPU_OK", "NPU_ERR_INVALID_ARG",
+    "load", "operators", "run", "status_name", "version", "VersionUnknown", "NPU_OK", "NPU_ERR_INVALID_ARG",
     "NPU_ERR_SHAPE", "NPU_ERR_INPUT_NUM", "NPU_ERR_INPUT", "NPU_ERR_UNSUPPORTED", "NPU_FAIL",
 ]

@@ -18,17 +18,32 @@ from . import _lib
 from .dtypes import DtypeError
 from .elfsyms import ElfError
 from .runner import ATTR_TYPES, Attr, Input, OpError, run
+from .version import version
 
 EXIT_OP_FAILED, EXIT_USAGE = 1, 2
 
 USAGE = """\
-npucpu list [--library PATH]
+npucpu --version
+       npucpu list [--library PATH]
        npucpu run OP [-i INPUT.npy|null]... [-a NAME[:TYPE]=VALUE]... [-o OUTDIR]
                   [-n OUTPUTS] [--force] [--log-level N] [--library PATH]"""
 
 
 class UsageError(Exception):
     pass
+
+
+class _VersionAction(argparse.Action):
+    """--version: the version of the library that would be loaded
+    ($NPUCPU_LIBRARY, the build tree, then the installed location)."""
+
+    def __init__(self, option_strings, dest, **kwargs):
+        super().__init__(option_strings, dest, nargs=0, default=argparse.SUPPRESS,
+                         help="print the library's version and exit")
+
+    def __call__(self, parser, namespace, values, option_string=None):
+        print("npucpu %s" % version())
+        parser.exit()
 
 
 class _Parser(argparse.ArgumentParser):
@@ -39,6 +54,7 @@ class _Parser(argparse.ArgumentParser):
 def _parser():
     p = _Parser(prog="npucpu", usage=USAGE,
                 description="Run operators of libnpucpu.so on .npy files.")
+    p.add_argument("--version", action=_VersionAction)
     sub = p.add_subparsers(dest="command", metavar="{list,run}")
     sub.required = True
     common = _Parser(add_help=False)
