@@ -78,6 +78,10 @@ void Ctx::attr_string(uint32_t i, const char *name, const std::string &v) {
     qv_kel_custom_set_attr_by_index(h, i, name, 0, NPU_ATTR_STRING, values_.back().data(), v.size());
 }
 
+void Ctx::output(uint32_t i, const TensorShape &shape, void *buf, uint64_t len) {
+    ASSERT_EQ(qv_kel_custom_set_output_by_index(h, i, NPU_DTYPE_FLOAT32, NPU_FORMAT_NCHW, &shape, buf, len), 0u);
+}
+
 TensorShape Ctx::output_shape(uint32_t i) const {
     TensorShape s{};
     qv_kel_custom_get_output_shape_by_index(h, i, &s);

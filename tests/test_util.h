@@ -41,6 +41,12 @@ public:
     void attr_floats(uint32_t i, const char *name, std::vector<float> v);
     void attr_string(uint32_t i, const char *name, const std::string &v);
 
+    // Describes output `i` with a caller-owned buffer (float32, NCHW).
+    void output(uint32_t i, const TensorShape &shape, void *buf, uint64_t len);
+    void output(uint32_t i, const TensorShape &shape, std::vector<float> &data) {
+        output(i, shape, data.data(), data.size() * sizeof(float));
+    }
+
     TensorShape output_shape(uint32_t i) const;
     // Allocates output `i` from its inferred shape (float elements, filled
     // with `fill`) and attaches it.
