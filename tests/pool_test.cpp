@@ -88,8 +88,7 @@ TEST(Pool, Infershape) {
         std::vector<uint32_t> dims;
         uint32_t format;
         std::vector<Attr> attrs;
-        uint32_t outputs;
-        uint32_t status;
+        uint32_t outputs, status;
         std::string err;  // masked stderr
         std::vector<uint32_t> out_dims;
     };
@@ -97,29 +96,24 @@ TEST(Pool, Infershape) {
     const std::string pad_fail = "Process auto_pad fail \n";
     const std::vector<Case> cases = {
         {"absent auto_pad", &kAvg, {1, 1, 4, 4}, 0, {ints("kernel_shape", {2, 2})}, 1, NPU_FAIL,
-         line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("averagepool_ops_impl", pad_fail),
-         {}},
+         line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("averagepool_ops_impl", pad_fail), {}},
         {"absent auto_pad", &kMax, {1, 1, 4, 4}, 0, {}, 1, NPU_FAIL,
          line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("maxpool_ops_impl", pad_fail), {}},
         {"VALID leaving data over", &kMax, {1, 1, 5, 5}, 0,
-         {text("auto_pad", "VALID"), ints("kernel_shape", {2, 2}), ints("strides", {2, 2})}, 1,
-         NPU_FAIL,
-         line("matrix_ops", "Not support drop right data when auto_pad is VALID \n") +
-             line("maxpool_ops_impl", pad_fail),
+         {text("auto_pad", "VALID"), ints("kernel_shape", {2, 2}), ints("strides", {2, 2})}, 1, NPU_FAIL,
+         line("matrix_ops", "Not support drop right data when auto_pad is VALID \n") + line("maxpool_ops_impl", pad_fail),
          {}},
         // Padded 7 x 6, kernel 3 x 2, strides 2 x 1, truncated: 3 x 5.
         {"NOTSET with pads", &kAvg, {2, 3, 5, 5}, 0,
-         {notset, ints("kernel_shape", {3, 2}), ints("strides", {2, 1}),
-          ints("pads", {1, 0, 1, 1})},
-         1, NPU_OK, "", {2, 3, 3, 5}},
+         {notset, ints("kernel_shape", {3, 2}), ints("strides", {2, 1}), ints("pads", {1, 0, 1, 1})}, 1, NPU_OK, "",
+         {2, 3, 3, 5}},
         // Five pads listed: only the first four are read.
         {"SAME_UPPER ignores the pads", &kMax, {1, 2, 5, 7}, 0,
          {text("auto_pad", "SAME_UPPER"), ints("kernel_shape", {3, 3}), ints("strides", {2, 2}),
           ints("pads", {9, 9, 9, 9, 9})},
          1, NPU_OK, "", {1, 2, 3, 4}},
         // The shape is written N, C, H, W whatever the format: N 1, H 4, W 5, C 3.
-        {"channels-last input", &kAvg, {1, 4, 5, 3}, NPU_FORMAT_NHWC, {notset}, 1, NPU_OK, "",
-         {1, 3, 4, 5}},
+        {"channels-last input", &kAvg, {1, 4, 5, 3}, NPU_FORMAT_NHWC, {notset}, 1, NPU_OK, "", {1, 3, 4, 5}},
         // 5 x 5, kernel 2, stride 2: ceil gives 3, a full window fits 2 times.
         {"ceil mode overhang", &kAvg, {1, 1, 5, 5}, 0,
          {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 1,
@@ -156,9 +150,7 @@ TEST(Pool, Infershape) {
         set_attrs(ctx, t.attrs);
         uint32_t status = 0;
         std::string err;
-        quiet([&] {
-            err = npucpu_test::capture_stderr([&] { status = t.op->infershape(ctx.h); });
-        });
+        quiet([&] { err = npucpu_test::capture_stderr([&] { status = t.op->infershape(ctx.h); }); });
         EXPECT_EQ(status, t.status);
         EXPECT_EQ(mask_error_lines(err), t.err);
         if (t.status != NPU_OK) continue;
@@ -177,8 +169,7 @@ TEST(Pool, Infershape) {
         uint32_t status = 0;
         std::string err;
         quiet([&] { err = npucpu_test::capture_stderr([&] { status = op->infershape(two.h); }); });
-        EXPECT_EQ(mask_error_lines(err),
-                  line(unit_of(*op).c_str(), std::string(op->name) + " only support 1 inputs \n"));
+        EXPECT_EQ(mask_error_lines(err), line(unit_of(*op).c_str(), std::string(op->name) + " only support 1 inputs \n"));
         EXPECT_EQ(status, uint32_t{NPU_ERR_INPUT_NUM});
     }
 }
@@ -195,22 +186,19 @@ TEST(Pool, Compute) {
         std::vector<float> want;
         std::vector<uint32_t> positions = {};
     };
-    const Attr notset = text("auto_pad", "NOTSET");
-    const Attr k2 = ints("kernel_shape", {2, 2});
-    const Attr s2 = ints("strides", {2, 2});
+    const Attr notset = text("auto_pad", "NOTSET"), k2 = ints("kernel_shape", {2, 2}), s2 = ints("strides", {2, 2});
+    const Attr pads1 = ints("pads", {1, 1, 1, 1}), counted = one("count_include_pad", 1);
     const uint32_t kSentinel = 0xdeadbeef;
-    const std::vector<float> ramp16 = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+    const std::vector<float> ramp16 = npucpu_test::iota(16), in4 = {1, 2, 3, 4};
     const float N = kZeroByZero;
     const std::vector<Case> cases = {
         {"2 x 2 means", &kAvg, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {3.5f, 5.5f, 11.5f, 13.5f}},
-        {"2 x 2 maxima", &kMax, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {6, 8, 14, 16},
-         {5, 7, 13, 15}},
+        {"2 x 2 maxima", &kMax, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {6, 8, 14, 16}, {5, 7, 13, 15}},
         // Infershape's ceil mode gives 3 x 3; compute fits 2 x 2 windows
         // and writes them at the start, the tail keeping its zeros (output
         // 1's tail is not written).
-        {"ceil mode, dense writes", &kAvg, {1, 1, 5, 5},
-         std::vector<float>(25, 2.0f), {notset, k2, s2, one("ceil_mode", 1)},
-         {2, 2, 2, 2, 0, 0, 0, 0, 0}},
+        {"ceil mode, dense writes", &kAvg, {1, 1, 5, 5}, std::vector<float>(25, 2.0f),
+         {notset, k2, s2, one("ceil_mode", 1)}, {2, 2, 2, 2, 0, 0, 0, 0, 0}},
         {"ceil mode, dense writes", &kMax, {1, 1, 5, 5}, std::vector<float>(25, 2.0f),
          {notset, k2, s2, one("ceil_mode", 1)}, {2, 2, 2, 2, 0, 0, 0, 0, 0},
          {0, 2, 10, 12, kSentinel, kSentinel, kSentinel, kSentinel, kSentinel}},
@@ -221,28 +209,22 @@ TEST(Pool, Compute) {
          {1, 4, 13, 16}},
         // 2 x 2 input padded by 1 all round, kernel 1: the padding windows
         // give 0 / 0 without count_include_pad and +0.0 / 1 with it.
-        {"padding-only windows", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("pads", {1, 1, 1, 1})},
+        {"padding-only windows", &kAvg, {1, 1, 2, 2}, in4, {notset, pads1},
          {N, N, N, N, N, 1, 2, N, N, 3, 4, N, N, N, N, N}},
-        {"padding-only windows counted", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("pads", {1, 1, 1, 1}), one("count_include_pad", 1)},
+        {"padding-only windows counted", &kAvg, {1, 1, 2, 2}, in4, {notset, pads1, counted},
          {0, 0, 0, 0, 0, 1, 2, 0, 0, 3, 4, 0, 0, 0, 0, 0}},
         // Kernel 2, stride 1 over the padded 4 x 4 plane: each corner window
         // holds one data element.
-        {"windows partly in the padding", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, k2, ints("pads", {1, 1, 1, 1})},
+        {"windows partly in the padding", &kAvg, {1, 1, 2, 2}, in4, {notset, k2, pads1},
          {1, 1.5f, 2, 2, 2.5f, 3, 3, 3.5f, 4}},
-        {"windows partly in the padding, counted", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, k2, ints("pads", {1, 1, 1, 1}), one("count_include_pad", 1)},
+        {"windows partly in the padding, counted", &kAvg, {1, 1, 2, 2}, in4, {notset, k2, pads1, counted},
          {0.25f, 0.75f, 0.5f, 1, 2.5f, 1.5f, 0.75f, 1.75f, 1}},
         // Asymmetric pads: top 0, left 1, bottom 2, right 0. Padded 4 x 3.
-        {"asymmetric padding", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("kernel_shape", {2, 1}), ints("pads", {0, 1, 2, 0})},
-         {N, 2, 3, N, 3, 4, N, N, N}},
+        {"asymmetric padding", &kAvg, {1, 1, 2, 2}, in4,
+         {notset, ints("kernel_shape", {2, 1}), ints("pads", {0, 1, 2, 0})}, {N, 2, 3, N, 3, 4, N, N, N}},
         // An empty kernel: windows at 0 .. Hp and 0 .. Wp, none holding an
         // element.
-        {"empty kernel", &kAvg, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})},
-         {N, N, N, N}},
+        {"empty kernel", &kAvg, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})}, {N, N, N, N}},
         {"empty kernel", &kMax, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})},
          {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
         // Values at or below the start value never replace it; neither do the
@@ -258,8 +240,7 @@ TEST(Pool, Compute) {
          {notset, k2, s2, ints("pads", {1, 1, 0, 0})}, {1, 3, 7, 9, 5, 5, 5, 1},
          {5, 7, 13, 10, 21, 22, 25, 26}},
         // Batches: plane bases include the batch offset C x Hp x Wp.
-        {"batches", &kMax, {2, 1, 2, 2}, {1, 4, 3, 2, 8, 5, 6, 7},
-         {notset, k2}, {4, 8}, {1, 4}},
+        {"batches", &kMax, {2, 1, 2, 2}, {1, 4, 3, 2, 8, 5, 6, 7}, {notset, k2}, {4, 8}, {1, 4}},
         // Rows outer, columns inner: 1e8 - 1e8 + 1 + 1 = 2; columns first
         // would lose a 1 to rounding (1e8 + 1 == 1e8).
         {"summation order", &kAvg, {1, 1, 2, 2}, {1e8f, -1e8f, 1, 1}, {notset, k2}, {0.5f}},
@@ -277,13 +258,10 @@ TEST(Pool, Compute) {
         std::vector<float> &out = ctx.alloc_output(0, 42.0f);
         ASSERT_EQ(out.size(), t.want.size());
         std::vector<uint32_t> pos(t.positions.size(), kSentinel);
-        if (!pos.empty()) {
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * pos.size());
-        }
+        if (!pos.empty()) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * pos.size());
         status = 1;
         std::string err;
-        npucpu_test::capture_stdout(
-            [&] { err = npucpu_test::capture_stderr([&] { status = t.op->compute(ctx.h); }); });
+        quiet([&] { err = npucpu_test::capture_stderr([&] { status = t.op->compute(ctx.h); }); });
         EXPECT_EQ(status, 0u);
         EXPECT_EQ(err, "");
         EXPECT_EQ(bits(out), bits(t.want));
@@ -293,101 +271,66 @@ TEST(Pool, Compute) {
 
 TEST(Pool, ComputeGuards) {
     const float N = kZeroByZero;
-    for (const Op *op : {&kAvg, &kMax}) {
-        SCOPED_TRACE(op->name);
-        const bool avg = op == &kAvg;
-        std::vector<float> in = {1, 2, 3, 4};
-
-        // Missing buffers.
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), nullptr, 16);
-            std::vector<float> out(4);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-        }
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-        }
-        {
-            // Output 1 declared without a buffer: maxpool refuses, the
-            // average never reads it.
-            Ctx ctx(1, 2);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            std::vector<float> out(4, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), avg ? 0u : uint32_t{NPU_ERR_INVALID_ARG});
-            // maxpool zero-fills output 0 before it looks at output 1.
-            EXPECT_EQ(out, avg ? (std::vector<float>{1, 2, 3, 4}) : std::vector<float>(4, 0.0f));
-        }
-
+    const std::vector<uint32_t> sevens(3, 7);
+    const std::vector<float> none;  // output not checked
+    const std::vector<float> zeros4(4, 0.0f), in4 = {1, 2, 3, 4};
+    const struct {
+        const char *what;
+        std::vector<uint32_t> dims;
+        std::vector<float> in;        // empty: no input buffer
+        std::vector<Attr> attrs;
+        uint32_t outputs;             // 0: one for the average, two for the maximum
+        size_t out_floats, out_room;  // buffer of out_floats (42.0), out_room of them attached
+        size_t pos_room;              // positions attached (when output 1 is declared)
+        uint32_t avg_status, max_status;
+        std::vector<float> avg_out, max_out;
+        std::vector<uint32_t> max_pos = {};  // empty: untouched
+    } cases[] = {
+        {"no input buffer", {1, 1, 2, 2}, {}, {}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG, NPU_ERR_INVALID_ARG, none, none},
+        {"no output buffer", {1, 1, 2, 2}, in4, {}, 1, 4, 0, 0, NPU_ERR_INVALID_ARG, NPU_ERR_INVALID_ARG, none, none},
+        // Output 1 declared without a buffer: maxpool refuses (after zero-filling
+        // output 0), the average never reads it.
+        {"output 1 without a buffer", {1, 1, 2, 2}, in4, {}, 2, 4, 4, 0, 0, NPU_ERR_INVALID_ARG, in4, zeros4},
         // Batch 0: the output is zeroed and nothing else happens.
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({0, 1, 2, 2}), in);
-            std::vector<float> out(3, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            EXPECT_EQ(out, std::vector<float>(3, 0.0f));
-        }
-
+        {"batch 0", {0, 1, 2, 2}, in4, {}, 1, 3, 3, 0, 0, 0, {0, 0, 0}, {0, 0, 0}},
         // A zero stride is refused after the zero fill.
-        for (const std::vector<int64_t> &strides :
-             {std::vector<int64_t>{0, 1}, std::vector<int64_t>{1, 0}}) {
-            Ctx ctx(1, 1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            ctx.attr_ints(0, "strides", strides);
-            std::vector<float> out(4, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-            EXPECT_EQ(out, std::vector<float>(4, 0.0f));
-        }
-
-        // The walk stops when output 0 (or output 1) is full: 4 windows,
-        // room for 3 values and 2 positions.
-        {
-            Ctx ctx(1, avg ? 1 : 2);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            std::vector<float> out(4, 42.0f);
-            std::vector<uint32_t> pos(3, 7);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            if (!avg) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 8);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            const std::vector<float> want_out = {1, 2, avg ? 3.0f : 0.0f, 42};
-            const std::vector<uint32_t> want_pos = {avg ? 7u : 0u, avg ? 7u : 1u, 7};
-            EXPECT_EQ(out, want_out);
-            EXPECT_EQ(pos, want_pos);
-        }
-
-        // A kernel larger than the padded 1 x 2 plane wraps the window
-        // bound; elements past the end of the padded tensor take no part, and
-        // the output length (3) ends the walk.
-        struct Oversized {
-            std::vector<int64_t> kernel;
-            std::vector<float> mean, max;
-            std::vector<uint32_t> positions;
-        };
-        const std::vector<Oversized> oversized = {
-            // Windows (0, 0), (0, 1), then (1, 0) holding nothing.
-            {{2, 1}, {1, 2, N}, {1, 2, kMin}, {0, 1, 0}},
-            // Windows (0, 0) holding 1 and 2, (0, 1) holding 2, (0, 2) nothing.
-            {{1, 3}, {1.5f, 2, N}, {2, 2, kMin}, {1, 1, 0}},
-        };
-        for (const Oversized &t : oversized) {
-            Ctx ctx(1, avg ? 1 : 2, 2);
-            std::vector<float> row = {1, 2};
-            ctx.input(0, shape_of({1, 1, 1, 2}), row);
-            ctx.attr_ints(0, "kernel_shape", t.kernel);
-            ctx.attr_int(1, "count_include_pad", 1);
-            std::vector<float> out(3, 42.0f);
-            std::vector<uint32_t> pos(3, 7);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            if (!avg) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 12);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            EXPECT_EQ(bits(out), bits(avg ? t.mean : t.max));
-            EXPECT_EQ(pos, avg ? std::vector<uint32_t>(3, 7) : t.positions);
+        {"zero height stride", {1, 1, 2, 2}, in4, {ints("strides", {0, 1})}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG,
+         NPU_ERR_INVALID_ARG, zeros4, zeros4},
+        {"zero width stride", {1, 1, 2, 2}, in4, {ints("strides", {1, 0})}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG,
+         NPU_ERR_INVALID_ARG, zeros4, zeros4},
+        // The walk stops when output 0 (or output 1) is full: 4 windows, room
+        // for 3 values and 2 positions.
+        {"full outputs end the walk", {1, 1, 2, 2}, in4, {}, 0, 4, 3, 2, 0, 0, {1, 2, 3, 42}, {1, 2, 0, 42},
+         {0, 1, 7}},
+        // A kernel larger than the padded 1 x 2 plane wraps the window bound;
+        // elements past the end of the padded tensor take no part, and the
+        // output length (3) ends the walk. Windows (0, 0), (0, 1), then (1, 0)
+        // holding nothing.
+        {"oversized kernel rows", {1, 1, 1, 2}, {1, 2}, {ints("kernel_shape", {2, 1}), one("count_include_pad", 1)},
+         0, 3, 3, 3, 0, 0, {1, 2, N}, {1, 2, kMin}, {0, 1, 0}},
+        // Windows (0, 0) holding 1 and 2, (0, 1) holding 2, (0, 2) nothing.
+        {"oversized kernel columns", {1, 1, 1, 2}, {1, 2},
+         {ints("kernel_shape", {1, 3}), one("count_include_pad", 1)}, 0, 3, 3, 3, 0, 0, {1.5f, 2, N}, {2, 2, kMin},
+         {1, 1, 0}},
+    };
+    for (const auto &t : cases) {
+        for (const Op *op : {&kAvg, &kMax}) {
+            SCOPED_TRACE(std::string(t.what) + " / " + op->name);
+            const bool avg = op == &kAvg;
+            const uint32_t outputs = t.outputs != 0 ? t.outputs : (avg ? 1 : 2);
+            Ctx ctx(1, outputs, static_cast<uint32_t>(t.attrs.size()));
+            std::vector<float> in = t.in, out(t.out_floats, 42.0f);
+            std::vector<uint32_t> pos = sevens;
+            ctx.input(0, shape_of(t.dims), in.empty() ? nullptr : in.data(), 16);
+            set_attrs(ctx, t.attrs);
+            if (t.out_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 4 * t.out_room);
+            if (outputs == 2 && t.pos_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * t.pos_room);
+            EXPECT_EQ(compute(*op, ctx), avg ? t.avg_status : t.max_status);
+            const std::vector<float> &want = avg ? t.avg_out : t.max_out;
+            if (!want.empty()) {
+                EXPECT_EQ(bits(out), bits(want));
+            }
+            EXPECT_EQ(pos, avg || t.max_pos.empty() ? sevens : t.max_pos);
         }
     }
 }
