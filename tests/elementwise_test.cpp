@@ -133,8 +133,7 @@ TEST(ElementwiseCompute, Results) {
         std::vector<std::pair<TensorShape, std::vector<float>>> in;
         std::vector<float> want;
     } cases[] = {
-        {"pow broadcasts a row", kPow,
-         {{shape_of({2, 3}), {1, 2, 3, 4, 5, 6}}, {shape_of({3}), {2, 0.5f, 0}}},
+        {"pow broadcasts a row", kPow, {{shape_of({2, 3}), {1, 2, 3, 4, 5, 6}}, {shape_of({3}), {2, 0.5f, 0}}},
          {1, static_cast<float>(std::sqrt(2.0)), 1, 16, static_cast<float>(std::sqrt(5.0)), 1}},
         {"pow of a negative base, and 0^0", kPow, {{shape_of({2}), {-8, 0}}, {shape_of({2}), {third, 0}}}, {kNaN, 1}},
         {"pow with a rank-0 exponent", kPow, {{shape_of({3}), {2, 3, -4}}, {shape_of({}), {2}}}, {4, 9, 16}},

@@ -82,7 +82,9 @@ uint32_t compute(const Op &op, Ctx &ctx) {
 }
 
 TEST(Pool, Infershape) {
-    struct Case {
+    const Attr notset = text("auto_pad", "NOTSET");
+    const std::string pad_fail = "Process auto_pad fail \n";
+    const struct {
         const char *what;
         const Op *op;
         std::vector<uint32_t> dims;
@@ -91,10 +93,7 @@ TEST(Pool, Infershape) {
         uint32_t outputs, status;
         std::string err;  // masked stderr
         std::vector<uint32_t> out_dims;
-    };
-    const Attr notset = text("auto_pad", "NOTSET");
-    const std::string pad_fail = "Process auto_pad fail \n";
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"absent auto_pad", &kAvg, {1, 1, 4, 4}, 0, {ints("kernel_shape", {2, 2})}, 1, NPU_FAIL,
          line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("averagepool_ops_impl", pad_fail), {}},
         {"absent auto_pad", &kMax, {1, 1, 4, 4}, 0, {}, 1, NPU_FAIL,
@@ -110,39 +109,32 @@ TEST(Pool, Infershape) {
         // Five pads listed: only the first four are read.
         {"SAME_UPPER ignores the pads", &kMax, {1, 2, 5, 7}, 0,
          {text("auto_pad", "SAME_UPPER"), ints("kernel_shape", {3, 3}), ints("strides", {2, 2}),
-          ints("pads", {9, 9, 9, 9, 9})},
-         1, NPU_OK, "", {1, 2, 3, 4}},
+          ints("pads", {9, 9, 9, 9, 9})}, 1, NPU_OK, "", {1, 2, 3, 4}},
         // The shape is written N, C, H, W whatever the format: N 1, H 4, W 5, C 3.
         {"channels-last input", &kAvg, {1, 4, 5, 3}, NPU_FORMAT_NHWC, {notset}, 1, NPU_OK, "", {1, 3, 4, 5}},
         // 5 x 5, kernel 2, stride 2: ceil gives 3, a full window fits 2 times.
         {"ceil mode overhang", &kAvg, {1, 1, 5, 5}, 0,
-         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 1,
-         NPU_OK,
+         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 1, NPU_OK,
          line("averagepool_ops_impl", "outputW 3 is large than orig_w 2 , pad right. \n") +
-             line("averagepool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"),
-         {1, 1, 3, 3}},
+             line("averagepool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"), {1, 1, 3, 3}},
         {"ceil mode overhang", &kMax, {1, 1, 5, 5}, 0,
-         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 2,
-         NPU_OK,
+         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 2, NPU_OK,
          line("maxpool_ops_impl", "outputW 3 is large than orig_w 2, pad right. \n") +
-             line("maxpool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"),
-         {1, 1, 3, 3}},
+             line("maxpool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"), {1, 1, 3, 3}},
         // Strides (2, 1): out 3 x 4. The width check divides by the height
         // stride: orig_w = 3 / 2 + 1 = 2; the height check by the width
         // stride: orig_h = 3 / 1 + 1 = 4, no message.
         {"crossed strides", &kMax, {1, 1, 5, 5}, 0,
          {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 1}), one("ceil_mode", 1)}, 1,
-         NPU_OK, line("maxpool_ops_impl", "outputW 4 is large than orig_w 2, pad right. \n"),
-         {1, 1, 3, 4}},
+         NPU_OK, line("maxpool_ops_impl", "outputW 4 is large than orig_w 2, pad right. \n"), {1, 1, 3, 4}},
         // Kernel 3 x 2, dilations (2, 1): out 4 x 5. The width extent takes
         // the height dilation: (2 - 1) * 2, orig_w = 4; the height extent
         // the width dilation: (3 - 1) * 1, orig_h = 4, no message.
         {"crossed dilations", &kAvg, {1, 1, 6, 6}, 0,
          {notset, ints("kernel_shape", {3, 2}), ints("dilations", {2, 1}), one("ceil_mode", 1)}, 1,
-         NPU_OK, line("averagepool_ops_impl", "outputW 5 is large than orig_w 4 , pad right. \n"),
-         {1, 1, 4, 5}},
+         NPU_OK, line("averagepool_ops_impl", "outputW 5 is large than orig_w 4 , pad right. \n"), {1, 1, 4, 5}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.what) + " / " + t.op->name);
         Ctx ctx(1, t.outputs, static_cast<uint32_t>(t.attrs.size()));
         std::vector<float> in(4);
@@ -175,7 +167,12 @@ TEST(Pool, Infershape) {
 }
 
 TEST(Pool, Compute) {
-    struct Case {
+    const Attr notset = text("auto_pad", "NOTSET"), k2 = ints("kernel_shape", {2, 2}), s2 = ints("strides", {2, 2});
+    const Attr pads1 = ints("pads", {1, 1, 1, 1}), counted = one("count_include_pad", 1);
+    const uint32_t kSentinel = 0xdeadbeef;
+    const std::vector<float> ramp16 = npucpu_test::iota(16), in4 = {1, 2, 3, 4};
+    const float N = kZeroByZero;
+    const struct {
         const char *what;
         const Op *op;
         std::vector<uint32_t> dims;
@@ -185,13 +182,7 @@ TEST(Pool, Compute) {
         // with that many elements.
         std::vector<float> want;
         std::vector<uint32_t> positions = {};
-    };
-    const Attr notset = text("auto_pad", "NOTSET"), k2 = ints("kernel_shape", {2, 2}), s2 = ints("strides", {2, 2});
-    const Attr pads1 = ints("pads", {1, 1, 1, 1}), counted = one("count_include_pad", 1);
-    const uint32_t kSentinel = 0xdeadbeef;
-    const std::vector<float> ramp16 = npucpu_test::iota(16), in4 = {1, 2, 3, 4};
-    const float N = kZeroByZero;
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"2 x 2 means", &kAvg, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {3.5f, 5.5f, 11.5f, 13.5f}},
         {"2 x 2 maxima", &kMax, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {6, 8, 14, 16}, {5, 7, 13, 15}},
         // Infershape's ceil mode gives 3 x 3; compute fits 2 x 2 windows
@@ -205,8 +196,7 @@ TEST(Pool, Compute) {
         // Dilations and SAME_UPPER change only the inferred shape: compute
         // pools 1 x 1 windows of the unpadded input (stride 3: 2 x 2).
         {"SAME_UPPER and dilations ignored", &kAvg, {1, 1, 4, 4}, ramp16,
-         {text("auto_pad", "SAME_UPPER"), ints("strides", {3, 3}), ints("dilations", {2, 2})},
-         {1, 4, 13, 16}},
+         {text("auto_pad", "SAME_UPPER"), ints("strides", {3, 3}), ints("dilations", {2, 2})}, {1, 4, 13, 16}},
         // 2 x 2 input padded by 1 all round, kernel 1: the padding windows
         // give 0 / 0 without count_include_pad and +0.0 / 1 with it.
         {"padding-only windows", &kAvg, {1, 1, 2, 2}, in4, {notset, pads1},
@@ -230,22 +220,20 @@ TEST(Pool, Compute) {
         // Values at or below the start value never replace it; neither do the
         // padding's +0.0, so windows touching the padding give it too.
         {"all-negative windows", &kMax, {1, 1, 2, 3}, {-1, -5, -3, -4, -0.0f, 1e-39f},
-         {notset, k2, ints("strides", {1, 1}), ints("pads", {1, 0, 0, 0})},
-         {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
+         {notset, k2, ints("strides", {1, 1}), ints("pads", {1, 0, 0, 0})}, {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
         // Positions index the padded tensor (top 1, left 1: planes of 4 x 4,
         // channel 1 from 16). Channel 1: the first of equal maxima wins and
         // NaN never does.
         {"positions in the padded tensor", &kMax, {1, 2, 3, 3},
          {1, 2, 3, 4, 9, 6, 7, 8, 5, 5, 5, kNaN, 5, 1, 1, -1, -1, -1},
-         {notset, k2, s2, ints("pads", {1, 1, 0, 0})}, {1, 3, 7, 9, 5, 5, 5, 1},
-         {5, 7, 13, 10, 21, 22, 25, 26}},
+         {notset, k2, s2, ints("pads", {1, 1, 0, 0})}, {1, 3, 7, 9, 5, 5, 5, 1}, {5, 7, 13, 10, 21, 22, 25, 26}},
         // Batches: plane bases include the batch offset C x Hp x Wp.
         {"batches", &kMax, {2, 1, 2, 2}, {1, 4, 3, 2, 8, 5, 6, 7}, {notset, k2}, {4, 8}, {1, 4}},
         // Rows outer, columns inner: 1e8 - 1e8 + 1 + 1 = 2; columns first
         // would lose a 1 to rounding (1e8 + 1 == 1e8).
         {"summation order", &kAvg, {1, 1, 2, 2}, {1e8f, -1e8f, 1, 1}, {notset, k2}, {0.5f}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.what) + " / " + t.op->name);
         const uint32_t outputs = t.positions.empty() ? 1 : 2;
         Ctx ctx(1, outputs, static_cast<uint32_t>(t.attrs.size()));

@@ -73,8 +73,7 @@ TEST(CoordinateMapping, EveryMode) {
          std::fma(6.0f, 0.1f, (0.7f - 0.1f) * 2.0f * 6.0f / 4.0f), false},
         // Out_size 1 takes the box centre, in double (a float sum gives 0.329999983).
         {"tf_crop_and_resize out_size 1", 5, 0, 7, 1, 0, 0.01f, 0.1f,
-         static_cast<float>((static_cast<double>(0.01f) + static_cast<double>(0.1f)) * 0.5 * 6.0),
-         false},
+         static_cast<float>((static_cast<double>(0.01f) + static_cast<double>(0.1f)) * 0.5 * 6.0), false},
         {"unknown code maps as half_pixel", 6, 0, 3, 2, s32, 0, 0,
          static_cast<float>(0.5 / static_cast<double>(s32) - 0.5), true},
         {"unknown large code", 0xFFFFFFFFu, 1, 2, 4, 2.0f, 0, 0, 0.25f, true},
