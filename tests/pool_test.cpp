@@ -309,7 +309,7 @@ TEST(Pool, ComputeGuards) {
             Ctx ctx(1, outputs, static_cast<uint32_t>(t.attrs.size()));
             std::vector<float> in = t.in, out(t.out_floats, 42.0f);
             std::vector<uint32_t> pos = sevens;
-            ctx.input(0, shape_of(t.dims), in.empty() ? nullptr : in.data(), 16);
+            ctx.input(0, shape_of(t.dims), in.empty() ? nullptr : in.data(), in.empty() ? 16 : 4 * in.size());
             set_attrs(ctx, t.attrs);
             if (t.out_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 4 * t.out_room);
             if (outputs == 2 && t.pos_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * t.pos_room);
