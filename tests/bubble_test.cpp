@@ -35,12 +35,11 @@ Bytes strided(const Bytes &dense, uint32_t rows, uint32_t w, uint32_t stride, si
 }
 
 TEST(Bubble, AddBubbleStrideAndGaps) {
-    struct Case {
+    const struct {
         uint32_t dtype;
         std::vector<uint32_t> dims;
         uint32_t rows, row_bytes, wstride;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {NPU_DTYPE_FLOAT32, {2, 3}, 2, 12, 16},
         {NPU_DTYPE_FLOAT32, {2, 4}, 2, 16, 16},  // already aligned: the automatic stride
         {NPU_DTYPE_INT8, {3, 5}, 3, 5, 16},
@@ -48,7 +47,7 @@ TEST(Bubble, AddBubbleStrideAndGaps) {
         {NPU_DTYPE_FLOAT64, {5}, 1, 40, 48},  // rank 1: one row
         {NPU_DTYPE_FLOAT32, {}, 1, 4, 16},    // rank 0: one element
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
         Bytes in = counting(c.rows * c.row_bytes);
         Ctx ctx(1, 1);
@@ -90,14 +89,13 @@ TEST(Bubble, AddBubbleStrideAndGaps) {
 // Only whole rows that fit in both buffers are copied; a rank-1 tensor is
 // one row; a null buffer is refused.
 TEST(Bubble, RowsThatDoNotFitAreNotCopied) {
-    struct Case {
+    const struct {
         bool add;
         std::vector<uint32_t> dims;
         uint64_t in_len, out_len;
         uint32_t rows_copied;
         bool null_out;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {true, {3, 3}, 36, 40, 2, false},   // row 2 would end at output byte 44
         {true, {3, 3}, 30, 60, 2, false},   // the input holds two whole rows
         {false, {3, 3}, 44, 30, 2, false},  // the output holds two whole rows
@@ -107,7 +105,7 @@ TEST(Bubble, RowsThatDoNotFitAreNotCopied) {
         {true, {3, 3}, 64, 64, 0, true},
         {false, {3, 3}, 64, 64, 0, true},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
         Bytes in = counting(64);
         Bytes out(64, kFill);

@@ -97,32 +97,26 @@ TEST(CastInfershape, AbsentToIsRefusedLikeZero) {
 }
 
 TEST(CastCompute, Conversions) {
-    struct Case {
+    const int32_t i32max = std::numeric_limits<int32_t>::max();
+    const int32_t i32min = std::numeric_limits<int32_t>::min();
+    const int64_t i64max = std::numeric_limits<int64_t>::max();
+    const int64_t i64min = std::numeric_limits<int64_t>::min();
+    const struct {
         const char *what;
         uint32_t src;
         Bytes in;
         int64_t to;
         Bytes want;
-    };
-    const int32_t i32max = std::numeric_limits<int32_t>::max();
-    const int32_t i32min = std::numeric_limits<int32_t>::min();
-    const int64_t i64max = std::numeric_limits<int64_t>::max();
-    const int64_t i64min = std::numeric_limits<int64_t>::min();
-    const Case cases[] = {
+    } cases[] = {
         // float source: truncation toward zero, saturation, NaN -> 0
         {"f32->i64", 0, bytes_of<float>({2.7f, -2.7f, 1e19f, -kInf, kNaN}), 7,
          bytes_of<int64_t>({2, -2, i64max, i64min, 0})},
-        {"f32->i32", 0, bytes_of<float>({3e9f, -3e9f, kNaN, -0.9f}), 6,
-         bytes_of<int32_t>({i32max, i32min, 0, 0})},
-        {"f32->u8 keeps the low byte", 0, bytes_of<float>({300.0f, -1.0f, 255.9f, kNaN}), 2,
-         Bytes{44, 0, 255, 0}},
+        {"f32->i32", 0, bytes_of<float>({3e9f, -3e9f, kNaN, -0.9f}), 6, bytes_of<int32_t>({i32max, i32min, 0, 0})},
+        {"f32->u8 keeps the low byte", 0, bytes_of<float>({300.0f, -1.0f, 255.9f, kNaN}), 2, Bytes{44, 0, 255, 0}},
         // int32 saturation first, then the low byte: 3e9 -> 0x7fffffff -> 0xff
-        {"f32->i8", 0, bytes_of<float>({300.0f, 200.0f, -129.0f, 3e9f}), 3,
-         Bytes{44, 0xC8, 0x7F, 0xFF}},
-        {"f32->u16", 0, bytes_of<float>({70000.0f, -5.0f, 5e9f}), 4,
-         bytes_of<uint16_t>({4464, 0, 0xFFFF})},
-        {"f32->i16", 0, bytes_of<float>({70000.0f, -32769.0f}), 5,
-         bytes_of<uint16_t>({4464, 0x7FFF})},
+        {"f32->i8", 0, bytes_of<float>({300.0f, 200.0f, -129.0f, 3e9f}), 3, Bytes{44, 0xC8, 0x7F, 0xFF}},
+        {"f32->u16", 0, bytes_of<float>({70000.0f, -5.0f, 5e9f}), 4, bytes_of<uint16_t>({4464, 0, 0xFFFF})},
+        {"f32->i16", 0, bytes_of<float>({70000.0f, -32769.0f}), 5, bytes_of<uint16_t>({4464, 0x7FFF})},
         {"f32->u32", 0, bytes_of<float>({3e9f, 5e9f, -5.0f, kInf}), 12,
          bytes_of<uint32_t>({3000000000u, 0xFFFFFFFFu, 0, 0xFFFFFFFFu})},
         {"f32->u64", 0, bytes_of<float>({1e19f, 1e20f, -1.0f, kNaN}), 13,
@@ -145,8 +139,7 @@ TEST(CastCompute, Conversions) {
         {"u32->f64", 8, bytes_of<uint32_t>({0xFFFFFFFFu}), 11, bytes_of<double>({4294967295.0})},
         {"u32->i16", 8, bytes_of<uint32_t>({0x0001FFFEu}), 5, bytes_of<uint16_t>({0xFFFE})},
         // signed 64-bit source: low bits, nearest float
-        {"i64->u32", 5, bytes_of<int64_t>({-2, 0x100000005}), 12,
-         bytes_of<uint32_t>({0xFFFFFFFEu, 5})},
+        {"i64->u32", 5, bytes_of<int64_t>({-2, 0x100000005}), 12, bytes_of<uint32_t>({0xFFFFFFFEu, 5})},
         {"i64->i8", 5, bytes_of<int64_t>({-129}), 3, Bytes{0x7F}},
         {"i64->f64", 5, bytes_of<int64_t>({(1LL << 53) + 1, i64max}), 11,
          bytes_of<double>({9007199254740992.0, 9223372036854775808.0})},
@@ -154,7 +147,7 @@ TEST(CastCompute, Conversions) {
          bytes_of<float>({-9223372036854775808.0f, 16777216.0f})},
         {"i64->u64", 5, bytes_of<int64_t>({-1}), 13, bytes_of<uint64_t>({UINT64_MAX})},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         uint32_t status = 1;
         std::string err;
@@ -168,7 +161,8 @@ TEST(CastCompute, Conversions) {
 // Element counts come from whole source elements and are capped by what the
 // output holds at the target's size.
 TEST(CastCompute, BufferLengths) {
-    struct Case {
+    const uint8_t F = kFill;
+    const struct {
         const char *what;
         uint32_t src;
         Bytes in;
@@ -176,19 +170,15 @@ TEST(CastCompute, BufferLengths) {
         int64_t to;
         uint64_t out_len;
         Bytes want;
-    };
-    const uint8_t F = kFill;
-    const Case cases[] = {
+    } cases[] = {
         {"12-byte int64 buffer converts one element", 5, bytes_of<int64_t>({7, 9}), 12, 6, 8,
          Bytes{7, 0, 0, 0, F, F, F, F}},
-        {"under one element converts nothing", 0, bytes_of<float>({1.0f}), 3, 7, 8,
-         Bytes(8, F)},
+        {"under one element converts nothing", 0, bytes_of<float>({1.0f}), 3, 7, 8, Bytes(8, F)},
         {"output holds one int64", 0, bytes_of<float>({1.0f, 2.0f}), 8, 7, 12,
          Bytes{1, 0, 0, 0, 0, 0, 0, 0, F, F, F, F}},
-        {"same type copies what fits", 4, bytes_of<int32_t>({1, 2}), 8, 6, 6,
-         Bytes{1, 0, 0, 0, F, F}},
+        {"same type copies what fits", 4, bytes_of<int32_t>({1, 2}), 8, 6, 6, Bytes{1, 0, 0, 0, F, F}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         uint32_t status = 1;
         EXPECT_EQ(run_cast(c.src, c.in, c.to, c.out_len, &status, nullptr, c.in_len), c.want);

@@ -28,14 +28,13 @@ std::vector<float> reference(const std::vector<uint32_t> &d, uint32_t b, bool cr
 }
 
 TEST(DepthToSpace, BothOrders) {
-    struct Case {
+    const struct {
         std::vector<uint32_t> dims;
         uint32_t b;
         const char *mode;  // null: no mode attribute
         bool crd;          // the order the mode selects
         std::vector<float> want;  // empty: the reference
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{1, 4, 1, 1}, 2, "DCR", false, {0, 1, 2, 3}},
         {{1, 4, 1, 1}, 2, "CRD", true, {0, 1, 2, 3}},
         {{1, 8, 1, 1}, 2, "DCR", false, {0, 2, 4, 6, 1, 3, 5, 7}},
@@ -49,7 +48,7 @@ TEST(DepthToSpace, BothOrders) {
         {{1, 8, 2, 2}, 2, "CRDX", true, {}},  // the first three characters decide
         {{1, 8, 2, 2}, 2, "CR", false, {}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.mode ? t.mode : "no mode") + " C=" + std::to_string(t.dims[1]));
         Ctx ctx(1, 1, 2);
         std::vector<float> in(t.dims[0] * t.dims[1] * t.dims[2] * t.dims[3]);
@@ -68,28 +67,25 @@ TEST(DepthToSpace, BothOrders) {
 }
 
 TEST(DepthToSpace, FailuresWriteNothing) {
-    struct Case {
+    const struct {
         bool compute;  // else infershape
         std::vector<uint32_t> dims;
         int64_t b;  // 0: no blocksize attribute
         uint32_t status;
         const char *err;  // null: no message
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {false, {1, 4, 2}, 2, NPU_FAIL, "invalid dim size: 3, DepthToSpace only support 4-D \n"},
         {false, {1, 4, 2, 2}, 0, NPU_FAIL, "blocksize should greater than 1 ! \n"},
         {false, {1, 4, 2, 2}, 1, NPU_FAIL, "blocksize should greater than 1 ! \n"},
-        {false, {1, 6, 2, 2}, 2, NPU_FAIL,
-         "invalid blocksize: 2, can not be divided by input channels: 6 \n"},
-        {false, {1, 0, 2, 2}, 2, NPU_FAIL,
-         "output channel / (blocksize * blocksize) can not be zero! \n"},
+        {false, {1, 6, 2, 2}, 2, NPU_FAIL, "invalid blocksize: 2, can not be divided by input channels: 6 \n"},
+        {false, {1, 0, 2, 2}, 2, NPU_FAIL, "output channel / (blocksize * blocksize) can not be zero! \n"},
         // Guard: 65536 squared wraps to 0 in 32 bits.
         {false, {1, 4, 2, 2}, 65536, NPU_ERR_INVALID_ARG, nullptr},
         // compute takes the output channel count from the output's shape.
         {true, {1, 0, 2, 2}, 2, NPU_FAIL, "invalid output channel: 0 \n"},
         {true, {1, 1, 2, 2}, 0, NPU_FAIL, "blocksize should greater than 1 ! \n"},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.compute ? "compute " : "infershape ") + std::to_string(t.b));
         Ctx ctx(1, 1, 1);
         std::vector<float> in(16, 1.0f), out(16, -1.0f);

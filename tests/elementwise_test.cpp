@@ -29,27 +29,19 @@ struct Op {
 
 #define NPU_OP(op) Op{#op, op##_infershape, op##_check_supported, op##_compute}
 
-const Op kPow = NPU_OP(pow), kPrelu = NPU_OP(prelu), kCeil = NPU_OP(ceil),
-         kFloor = NPU_OP(floor), kRelu = NPU_OP(relu), kSqrt = NPU_OP(sqrt),
-         kSum = NPU_OP(sum), kMean = NPU_OP(mean), kExpand = NPU_OP(expand),
-         kCast = NPU_OP(cast);
-
-uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, 4);
-    return u;
-}
+const Op kPow = NPU_OP(pow), kPrelu = NPU_OP(prelu), kCeil = NPU_OP(ceil), kFloor = NPU_OP(floor),
+         kRelu = NPU_OP(relu), kSqrt = NPU_OP(sqrt), kSum = NPU_OP(sum), kMean = NPU_OP(mean),
+         kExpand = NPU_OP(expand), kCast = NPU_OP(cast);
 
 const float kNaN = std::numeric_limits<float>::quiet_NaN();
 const float kSentinel = -777.0f;
 
 TEST(ElementwiseInfershape, WrongInputCountNamesTheOperator) {
-    struct Case {
+    const struct {
         Op op;
         uint32_t inputs;
         const char *text;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kPow, 1, "[E] [custom] [pow_ops_impl:L] pow only support 2 inputs \n"},
         {kPrelu, 3, "[E] [custom] [prelu_ops_impl:L] prelu only support 2 inputs \n"},
         {kCeil, 2, "[E] [custom] [ceil_ops_impl:L] ceil only support 1 inputs \n"},
@@ -61,7 +53,7 @@ TEST(ElementwiseInfershape, WrongInputCountNamesTheOperator) {
         {kMean, 0, "[E] [custom] [mean_ops_impl:L] mean only support inputs >= 1 \n"},
         {kExpand, 1, "[E] [custom] [expand_ops_impl:L] expand only support 2 inputs \n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.op.name);
         Ctx ctx(c.inputs, 1);
         std::vector<float> data(4, 1.0f);
@@ -76,12 +68,11 @@ TEST(ElementwiseInfershape, WrongInputCountNamesTheOperator) {
 
 // Output shapes of the multi-input rules; an empty `out` means refused.
 TEST(ElementwiseInfershape, ShapeRules) {
-    struct Case {
+    const struct {
         Op op;
         std::vector<std::vector<uint32_t>> in;
         std::vector<uint32_t> out;
-    };
-    const Case cases[] = {
+    } cases[] = {
         // pow copies every leading dim of the longer shape, whichever it is.
         {kPow, {{2, 3, 4}, {4}}, {2, 3, 4}},
         {kPow, {{4}, {2, 3, 4}}, {2, 3, 4}},
@@ -95,7 +86,7 @@ TEST(ElementwiseInfershape, ShapeRules) {
         {kSum, {{3}, {2, 3}}, {}},  // input 0 is padded to (3, 1)
         {kMean, {{2, 3}, {2, 4}}, {}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.op.name) + " case " + std::to_string(&c - cases));
         Ctx ctx(static_cast<uint32_t>(c.in.size()), 1);
         std::vector<float> data(64, 1.0f);
@@ -104,8 +95,7 @@ TEST(ElementwiseInfershape, ShapeRules) {
         const std::string err = capture_stderr([&] { status = c.op.infershape(ctx.h); });
         if (c.out.empty()) {
             EXPECT_EQ(status, NPU_FAIL);
-            EXPECT_EQ(mask_error_lines(err),
-                      std::string("[E] [custom] [") + c.op.name + "_ops_impl:L] broadcast failed \n");
+            EXPECT_EQ(mask_error_lines(err), std::string("[E] [custom] [") + c.op.name + "_ops_impl:L] broadcast failed \n");
             EXPECT_EQ(ctx.output_shape(0).dim_num, 0u);
         } else {
             EXPECT_EQ(status, NPU_OK);
@@ -130,41 +120,32 @@ std::vector<float> run(const Op &op, std::vector<std::pair<TensorShape, std::vec
     return out;
 }
 
+// Bitwise, reporting the first differing index.
 void expect_bits(const std::vector<float> &got, const std::vector<float> &want) {
-    ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(bits(got[i]), bits(want[i])) << "index " << i << ": " << got[i] << " vs " << want[i];
-    }
+    npucpu_test::expect_bits(want, got);
 }
 
 TEST(ElementwiseCompute, Results) {
-    struct Case {
+    const float third = 1.0f / 3.0f;
+    const struct {
         const char *what;
         Op op;
         std::vector<std::pair<TensorShape, std::vector<float>>> in;
         std::vector<float> want;
-    };
-    const float third = 1.0f / 3.0f;
-    const Case cases[] = {
-        {"pow broadcasts a row", kPow,
-         {{shape_of({2, 3}), {1, 2, 3, 4, 5, 6}}, {shape_of({3}), {2, 0.5f, 0}}},
+    } cases[] = {
+        {"pow broadcasts a row", kPow, {{shape_of({2, 3}), {1, 2, 3, 4, 5, 6}}, {shape_of({3}), {2, 0.5f, 0}}},
          {1, static_cast<float>(std::sqrt(2.0)), 1, 16, static_cast<float>(std::sqrt(5.0)), 1}},
-        {"pow of a negative base, and 0^0", kPow,
-         {{shape_of({2}), {-8, 0}}, {shape_of({2}), {third, 0}}}, {kNaN, 1}},
-        {"pow with a rank-0 exponent", kPow,
-         {{shape_of({3}), {2, 3, -4}}, {shape_of({}), {2}}}, {4, 9, 16}},
-        {"pow with a rank-0 base", kPow,
-         {{shape_of({}), {2}}, {shape_of({3}), {1, 2, 3}}}, {2, 4, 8}},
+        {"pow of a negative base, and 0^0", kPow, {{shape_of({2}), {-8, 0}}, {shape_of({2}), {third, 0}}}, {kNaN, 1}},
+        {"pow with a rank-0 exponent", kPow, {{shape_of({3}), {2, 3, -4}}, {shape_of({}), {2}}}, {4, 9, 16}},
+        {"pow with a rank-0 base", kPow, {{shape_of({}), {2}}, {shape_of({3}), {1, 2, 3}}}, {2, 4, 8}},
         {"prelu one slope per channel", kPrelu,
-         {{shape_of({1, 3, 2, 1}), {-1, 1, -2, 2, -4, -0.0f}},
-          {shape_of({3, 1, 1}), {0.5f, 0.25f, 2}}},
+         {{shape_of({1, 3, 2, 1}), {-1, 1, -2, 2, -4, -0.0f}}, {shape_of({3, 1, 1}), {0.5f, 0.25f, 2}}},
          {-0.5f, 1, -0.5f, 2, -8, -0.0f}},
         {"prelu slopes of input 0's shape, NaN passes", kPrelu,
          {{shape_of({3}), {-1, -1, kNaN}}, {shape_of({3}), {2, 3, 4}}}, {-2, -3, kNaN}},
-        {"prelu with a rank-0 slope", kPrelu,
-         {{shape_of({3}), {-1, 5, -3}}, {shape_of({}), {0.1f}}}, {-0.1f, 5, -3.0f * 0.1f}},
-        {"ceil", kCeil, {{shape_of({5}), {-0.5f, 0.5f, -0.0f, kNaN, -2}}},
-         {-0.0f, 1, -0.0f, kNaN, -2}},
+        {"prelu with a rank-0 slope", kPrelu, {{shape_of({3}), {-1, 5, -3}}, {shape_of({}), {0.1f}}},
+         {-0.1f, 5, -3.0f * 0.1f}},
+        {"ceil", kCeil, {{shape_of({5}), {-0.5f, 0.5f, -0.0f, kNaN, -2}}}, {-0.0f, 1, -0.0f, kNaN, -2}},
         {"floor", kFloor, {{shape_of({4}), {-0.5f, 0.5f, -0.0f, 2.5f}}}, {-1, 0, -0.0f, 2}},
         {"relu", kRelu, {{shape_of({4}), {-0.0f, -2, kNaN, 3}}}, {-0.0f, 0.0f, kNaN, 3}},
         {"sqrt", kSqrt, {{shape_of({4}), {-1, -0.0f, 4, 2}}}, {kNaN, -0.0f, 2, std::sqrt(2.0f)}},
@@ -177,7 +158,7 @@ TEST(ElementwiseCompute, Results) {
          {{shape_of({2}), {0.1f, 3}}, {shape_of({2}), {0.1f, 3}}, {shape_of({2}), {0.1f, 3}}},
          {(0.1f + 0.1f + 0.1f) / 3.0f, 3}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         std::vector<float> got = run(c.op, c.in);
         // NaN results are compared by class: the sign of a produced NaN is the CPU's.
@@ -194,17 +175,16 @@ TEST(ElementwiseCompute, Results) {
 // expand's rank is input 1's first dim and its dims are input 1's values,
 // whatever input 0's shape is; more than 16 of either is refused silently.
 TEST(ElementwiseCompute, Expand) {
-    struct Case {
+    const struct {
         uint32_t first_dim;
         std::vector<int64_t> dims;
         uint32_t status;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {3, {2, 3, 4}, NPU_OK},
         {17, {2, 3, 4}, NPU_ERR_INVALID_ARG},
         {3, std::vector<int64_t>(17, 1), NPU_ERR_INVALID_ARG},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
         Ctx ctx(2, 1);
         std::vector<float> in = {1, 2, 3};
@@ -234,14 +214,13 @@ float cleared_prefix(float f, size_t bytes) {
 
 // The unary length check compares whole elements: 10 vs 8 bytes is 2 vs 2.
 TEST(ElementwiseCompute, UnaryLengthChecks) {
-    struct Case {
+    const float S = kSentinel;
+    const struct {
         Op op;
         uint64_t in_len, out_len;
         uint32_t status;
         std::vector<float> want;  // the output's 4 floats afterwards
-    };
-    const float S = kSentinel;
-    const Case cases[] = {
+    } cases[] = {
         {kCeil, 10, 8, NPU_OK, {2, -1, S, S}},
         {kSqrt, 12, 8, NPU_ERR_INVALID_ARG, {S, S, S, S}},
         {kFloor, 3, 2, NPU_OK, {S, S, S, S}},
@@ -250,11 +229,9 @@ TEST(ElementwiseCompute, UnaryLengthChecks) {
         {kRelu, 10, 11, NPU_OK, {1.5f, 0, cleared_prefix(S, 3), S}},
         {kRelu, 3, 2, NPU_OK, {cleared_prefix(S, 2), S, S, S}},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(std::string(c.op.name) + " " + std::to_string(c.in_len) + "/" +
-                     std::to_string(c.out_len));
-        std::vector<float> in = {1.5f, -1.5f, -2.0f, 4.0f};
-        std::vector<float> out(4, S);
+    for (const auto &c : cases) {
+        SCOPED_TRACE(std::string(c.op.name) + " " + std::to_string(c.in_len) + "/" + std::to_string(c.out_len));
+        std::vector<float> in = {1.5f, -1.5f, -2.0f, 4.0f}, out(4, S);
         Ctx ctx(1, 1);
         ctx.input(0, shape_of({4}), in.data(), c.in_len);
         ASSERT_EQ(c.op.infershape(ctx.h), NPU_OK);
@@ -287,18 +264,17 @@ TEST(ElementwiseCompute, OutputLength) {
 // Null buffers, and prelu's output of another element count, are refused
 // before anything is written.
 TEST(ElementwiseCompute, RefusedComputesWriteNothing) {
-    struct Case {
+    const struct {
         Op op;
         uint32_t inputs;
         int null_input;  // -1: the output buffer is null
         uint64_t out_len;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {kPow, 2, 0, 12},    {kPow, 2, 1, 12},   {kPow, 2, -1, 12},  {kPrelu, 2, 1, 12},
         {kPrelu, 2, 3, 8},   {kCeil, 1, 0, 12},  {kRelu, 1, -1, 12}, {kSum, 3, 2, 12},
         {kMean, 2, -1, 12},  {kExpand, 2, 0, 12}, {kExpand, 2, -1, 12},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(std::string(c.op.name) + " case " + std::to_string(&c - cases));
         std::vector<float> in = {-1, 2, 3}, out(3, kSentinel);
         int64_t dims[] = {3};
@@ -311,8 +287,7 @@ TEST(ElementwiseCompute, RefusedComputesWriteNothing) {
             }
         }
         ASSERT_EQ(c.op.infershape(ctx.h), NPU_OK);
-        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_input < 0 ? nullptr : out.data(),
-                                              c.out_len);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_input < 0 ? nullptr : out.data(), c.out_len);
         EXPECT_EQ(c.op.compute(ctx.h), NPU_ERR_INVALID_ARG);
         expect_bits(out, {kSentinel, kSentinel, kSentinel});
     }

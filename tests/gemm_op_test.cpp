@@ -53,8 +53,7 @@ TEST(GemmOp, ShapeRule) {
         {{3, 2}, {3, 4}, 1, kAbsent, NPU_OK, {2, 4}, ""},
         {{2, 3}, {4, 3}, 0, 1, NPU_OK, {2, 4}, ""},
         {{3, 2}, {4, 3}, 7, -1, NPU_OK, {2, 4}, ""},  // any non-zero value transposes
-        {{2, 3}, {2, 4}, kAbsent, kAbsent, NPU_ERR_INPUT_NUM, {},
-         pre + "calc matrix not match! A:[2x3], B:[2x4] \n"},
+        {{2, 3}, {2, 4}, kAbsent, kAbsent, NPU_ERR_INPUT_NUM, {}, pre + "calc matrix not match! A:[2x3], B:[2x4] \n"},
         {{2, 3}, {3, 4}, 1, kAbsent, NPU_ERR_INPUT_NUM, {},  // numbers after the swap
          pre + "calc matrix not match! A:[3x2], B:[3x4] \n"},
         {{2, 3}, {3, 4}, 0, 1, NPU_ERR_INPUT_NUM, {}, pre + "calc matrix not match! A:[2x3], B:[4x3] \n"},

@@ -35,13 +35,12 @@ std::vector<uint32_t> bits(const std::vector<float> &v) {
 }
 
 TEST(GlobalPool, ReducesEachPlane) {
-    struct Case {
+    const struct {
         const char *what;
         const Op *op;
         std::vector<uint32_t> dims, out_dims;
         std::vector<float> in, want;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"2x2 means", &kAvg, {1, 3, 2, 2}, {1, 3, 1, 1},
          {1, 2, 3, 4, -1, -2, -3, -6, 0.5f, 0.5f, 0.25f, 0.75f}, {2.5f, -3, 0.5f}},
         // Ascending float sum: 1e8 + 1 rounds back to 1e8.
@@ -58,7 +57,7 @@ TEST(GlobalPool, ReducesEachPlane) {
         {"rank 2 max", &kMax, {1, 3}, {1, 3}, {3, -3, 1e-38f}, {3, kMin, kMin}},
         {"empty planes give the start value", &kMax, {1, 2, 0}, {1, 2, 1}, {}, {kMin, kMin}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(t.what);
         Ctx ctx(1, 1);
         std::vector<float> in = t.in;

@@ -60,18 +60,17 @@ TEST(Lrn, ChannelWindows) {
 }
 
 TEST(Lrn, Denominator) {
-    struct Case {
+    const struct {
         const char *what;
         float alpha, beta, bias, x, want;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"beta is a power", 3.0f, 0.5f, 1.0f, 1.0f, 0.5f},
         // alpha * x^2 + bias is one fused operation: with bias equal to minus
         // the rounded product only the rounding error remains (unfused: 0).
         {"fused multiply-add", 0.1f, 1.0f, -0.900000036f, 3.0f, -134217728.0f},
         {"zero denominator", 1.0f, 1.0f, -4.0f, 2.0f, INFINITY},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(t.what);
         Ctx ctx(1, 1, 4);
         std::vector<float> in = {t.x};
@@ -108,15 +107,14 @@ TEST(Lrn, AbsentAttributesTakeTheirDefaults) {
 }
 
 TEST(Lrn, RefusalsWriteNothing) {
-    struct Case {
+    const struct {
         const char *what;
         std::vector<uint32_t> dims;
         bool with_size, null_in, null_out;
         uint64_t out_len;
         uint32_t status;
         std::string err;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"size absent", {1, 2, 2}, false, false, false, 16, NPU_ERR_INVALID_ARG,
          "[E] [custom] [lrn_ops_impl:L] get [size] attr failed, [size] in lrn is required \n"},
         {"input absent", {1, 2, 2}, true, true, false, 16, NPU_ERR_INVALID_ARG, ""},
@@ -125,7 +123,7 @@ TEST(Lrn, RefusalsWriteNothing) {
         {"no batches", {0, 2, 2}, true, false, false, 16, NPU_OK, ""},
         {"rank 1: no channels", {4}, true, false, false, 16, NPU_OK, ""},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(t.what);
         std::vector<float> in = {1, 2, 3, 4}, out(4, 42.0f);
         Ctx ctx(1, 1, 1);

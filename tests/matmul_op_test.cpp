@@ -17,14 +17,13 @@ namespace {
 constexpr float kSentinel = -777.0f;
 
 TEST(MatmulOp, ShapeRule) {
-    struct Case {
+    const std::string mismatch = "[E] [custom] [matmul_ops_impl:L] left shape  not match right shape \n";
+    const struct {
         std::vector<uint32_t> a, b;
         uint32_t status;
         std::vector<uint32_t> out;
         std::string err;
-    };
-    const std::string mismatch = "[E] [custom] [matmul_ops_impl:L] left shape  not match right shape \n";
-    const std::vector<Case> cases = {
+    } cases[] = {
         {{2, 3}, {3, 4}, NPU_OK, {2, 4}, ""},
         {{3}, {3, 4}, NPU_OK, {4}, ""},
         {{2, 3}, {3}, NPU_OK, {2}, ""},
@@ -41,7 +40,7 @@ TEST(MatmulOp, ShapeRule) {
         {{5, 2, 3}, {5, 4, 3}, NPU_ERR_INVALID_ARG, {}, mismatch},
         {{}, {3}, NPU_ERR_INVALID_ARG, {}, ""},  // a rank-0 A has no last dim
     };
-    for (const Case &k : cases) {
+    for (const auto &k : cases) {
         SCOPED_TRACE(::testing::PrintToString(k.a) + " x " + ::testing::PrintToString(k.b));
         Ctx c(2, 1);
         float buf[1] = {};
@@ -71,15 +70,14 @@ TEST(MatmulOp, InputCount) {
 }
 
 TEST(MatmulOp, Product) {
-    struct Case {
+    const struct {
         const char *name;
         std::vector<uint32_t> a_dims;
         std::vector<float> a;
         std::vector<uint32_t> b_dims;
         std::vector<float> b;
         std::vector<float> want;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"truncated", {1, 2}, {1.5f, 2.5f}, {2, 1}, {2.0f, 2.0f}, {6.0f}},  // not 8
         {"toward zero", {1, 2}, {-1.9f, 3.7f}, {2, 1}, {2.9f, 1.0f}, {1.0f}},  // -1*2 + 3*1
         {"vector x matrix", {3}, {1, 2, 3}, {3, 2}, {1, 2, 3, 4, 5, 6}, {22, 28}},
@@ -92,7 +90,7 @@ TEST(MatmulOp, Product) {
         {"saturates", {1, 1}, {3e9f}, {1, 1}, {1}, {2147483648.0f}},
         {"empty K", {2, 0}, {0}, {0, 2}, {0}, {0, 0, 0, 0}},
     };
-    for (const Case &k : cases) {
+    for (const auto &k : cases) {
         SCOPED_TRACE(k.name);
         Ctx c(2, 1);
         std::vector<float> a = k.a, b = k.b;
@@ -107,21 +105,19 @@ TEST(MatmulOp, Product) {
 
 // Compute on what a host following the protocol never passes.
 TEST(MatmulOp, ComputeOutsideTheProtocol) {
-    struct Case {
+    const std::vector<float> untouched(8, kSentinel);
+    const struct {
         const char *name;
         std::vector<uint32_t> a_dims, b_dims;
         bool null_a, null_b, null_out;
         uint64_t a_len, out_len;  // bytes; 0: as the data
         uint32_t status;
         std::vector<float> want;  // the whole 8-element output buffer
-    };
-    const std::vector<float> untouched(8, kSentinel);
-    const std::vector<Case> cases = {
+    } cases[] = {
         // Three batches of A against two of B: B would be read past its end.
         {"batch mismatch", {3, 2, 2}, {2, 2, 2}, false, false, false, 0, 0, NPU_ERR_INVALID_ARG, untouched},
         // A of rank 2 is shared by every batch, whatever their number.
-        {"shared A, B of rank 4", {2, 2}, {2, 1, 2, 2}, false, false, false, 0, 0, NPU_OK,
-         {1, 2, 3, 4, 1, 2, 3, 4}},
+        {"shared A, B of rank 4", {2, 2}, {2, 1, 2, 2}, false, false, false, 0, 0, NPU_OK, {1, 2, 3, 4, 1, 2, 3, 4}},
         {"vector A, empty batch", {2}, {0, 2, 3}, false, false, false, 0, 0, NPU_ERR_INVALID_ARG, untouched},
         {"null A", {2, 2}, {2, 2}, true, false, false, 0, 0, NPU_ERR_INVALID_ARG, untouched},
         {"null B", {2, 2}, {2, 2}, false, true, false, 0, 0, NPU_ERR_INVALID_ARG, untouched},
@@ -131,7 +127,7 @@ TEST(MatmulOp, ComputeOutsideTheProtocol) {
         {"short output", {2, 2}, {2, 2}, false, false, false, 0, 12, NPU_OK,
          {1, 2, 3, kSentinel, kSentinel, kSentinel, kSentinel, kSentinel}},
     };
-    for (const Case &k : cases) {
+    for (const auto &k : cases) {
         SCOPED_TRACE(k.name);
         Ctx c(2, 1);
         std::vector<float> a(16), b(16);

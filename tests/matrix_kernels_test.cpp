@@ -12,8 +12,12 @@
 #include "npucpu.h"
 #include "test_util.h"
 
+using npucpu_test::bits;
 using npucpu_test::capture_stderr;
+using npucpu_test::count_of;
 using npucpu_test::dims_of;
+using npucpu_test::from_bits;
+using npucpu_test::iota;
 using npucpu_test::mask_error_lines;
 using npucpu_test::shape_of;
 
@@ -24,8 +28,7 @@ using Floats = std::vector<float>;
 
 // A Tensor record borrowing a vector's data.
 Tensor view(const Dims &dims, Floats &data, uint32_t format = NPU_FORMAT_NCHW) {
-    Tensor t;
-    std::memset(&t, 0, sizeof t);
+    Tensor t{};
     t.shape = shape_of(dims);
     t.dtype = NPU_DTYPE_FLOAT32;
     t.format = format;
@@ -33,49 +36,23 @@ Tensor view(const Dims &dims, Floats &data, uint32_t format = NPU_FORMAT_NCHW) {
     return t;
 }
 
-uint32_t bits(float f) {
-    uint32_t u;
-    std::memcpy(&u, &f, sizeof u);
-    return u;
-}
-
-size_t count_of(const Dims &dims) {
-    size_t n = 1;
-    for (uint32_t d : dims) n *= d;
-    return n;
-}
-
-float from_bits(uint32_t u) {
-    float f;
-    std::memcpy(&f, &u, sizeof f);
-    return f;
-}
-
-// Bitwise comparison reporting the first differing index.
-void expect_bits(const Floats &expected, const float *actual, const std::string &what) {
-    for (size_t i = 0; i < expected.size(); ++i) {
-        ASSERT_EQ(bits(expected[i]), bits(actual[i]))
-            << what << ": index " << i << " expected " << expected[i] << " got " << actual[i];
-    }
+// Bitwise comparison of n values at p, reporting the first differing index.
+void expect_bits(const Floats &expected, const float *p, const std::string &what) {
+    npucpu_test::expect_bits(expected, Floats(p, p + expected.size()), what);
 }
 
 const float kFusedOperand = 1.0f + std::ldexp(1.0f, -12);  // squared: 1 + 2^-11 + 2^-24
 
 // ---- gemm -----------------------------------------------------------------
 
-struct GemmMatrixCase {
-    const char *name;
-    uint32_t M, K, N;
-    Floats a, b, out, bias;  // bias empty: absent
-    Floats expected;
-};
-
 TEST(Gemm, MatrixModeAccumulatesFusedThenAddsBias) {
-    const GemmMatrixCase cases[] = {
-        {"plain product", 2, 3, 2, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6}, {0, 0, 0, 0}, {},
-         {22, 28, 49, 64}},
-        {"adds into existing output", 2, 3, 2, {1, 2, 3, 4, 5, 6}, {1, 2, 3, 4, 5, 6},
-         {10, 20, 30, 40}, {}, {32, 48, 79, 104}},
+    const struct {
+        const char *name;
+        uint32_t M, K, N;
+        Floats a, b, out, bias;  // bias empty: absent
+        Floats expected;
+    } cases[] = {
+        {"adds into existing output", 2, 3, 2, iota(6), iota(6), {10, 20, 30, 40}, {}, {32, 48, 79, 104}},
         {"bias by full output index", 1, 2, 2, {1, 1}, {1, 2, 3, 4}, {0, 0}, {0.5f, -1}, {4.5f, 5}},
         // The sum keeps the 2^-24 that an unfused product would round away.
         {"fused multiply-add", 1, 1, 1, {kFusedOperand}, {kFusedOperand},
@@ -86,10 +63,8 @@ TEST(Gemm, MatrixModeAccumulatesFusedThenAddsBias) {
     };
     for (const auto &c : cases) {
         Floats a = c.a, b = c.b, out = c.out, bias = c.bias;
-        Tensor ta = view({c.M, c.K}, a, NPU_FORMAT_MATRIX);
-        Tensor tb = view({c.K, c.N}, b, NPU_FORMAT_MATRIX);
-        Tensor to = view({c.M, c.N}, out, NPU_FORMAT_MATRIX);
-        Tensor tbias = view({c.M, c.N}, bias, NPU_FORMAT_MATRIX);
+        Tensor ta = view({c.M, c.K}, a, NPU_FORMAT_MATRIX), tb = view({c.K, c.N}, b, NPU_FORMAT_MATRIX);
+        Tensor to = view({c.M, c.N}, out, NPU_FORMAT_MATRIX), tbias = view({c.M, c.N}, bias, NPU_FORMAT_MATRIX);
         EXPECT_EQ(gemm(&ta, &tb, bias.empty() ? nullptr : &tbias, &to), NPU_OK) << c.name;
         expect_bits(c.expected, out.data(), c.name);
     }
@@ -97,14 +72,10 @@ TEST(Gemm, MatrixModeAccumulatesFusedThenAddsBias) {
 
 TEST(Gemm, ConvolutionModeIsFilterMajorAndIgnoresBias) {
     // Column matrix: 2 batches x 2 rows of width 3; filters: 2 rows of width 3.
-    Floats a = {1, 2, 3, 4, 5, 6, /* batch 1 */ 1, 0, 0, 0, 1, 0};
-    Floats b = {1, 1, 1, 0, 0, 2};
-    Floats bias = {100, 100, 100, 100, 100, 100, 100, 100};
-    Floats out = {0, 0, 0, 0, 1, 1, 1, 1};
-    Tensor ta = view({2, 1, 2, 3}, a);
-    Tensor tb = view({1, 1, 2, 3}, b);
-    Tensor tbias = view({2, 2, 2, 1}, bias);
-    Tensor to = view({2, 2, 2, 1}, out);
+    Floats a = {1, 2, 3, 4, 5, 6, /* batch 1 */ 1, 0, 0, 0, 1, 0}, b = {1, 1, 1, 0, 0, 2};
+    Floats bias(8, 100.0f), out = {0, 0, 0, 0, 1, 1, 1, 1};
+    Tensor ta = view({2, 1, 2, 3}, a), tb = view({1, 1, 2, 3}, b);
+    Tensor tbias = view({2, 2, 2, 1}, bias), to = view({2, 2, 2, 1}, out);
     EXPECT_EQ(gemm(&ta, &tb, &tbias, &to), NPU_OK);
     expect_bits({6, 15, 6, 12, 2, 2, 1, 1}, out.data(), "conv mode");
 }
@@ -112,8 +83,7 @@ TEST(Gemm, ConvolutionModeIsFilterMajorAndIgnoresBias) {
 TEST(Gemm, OtherLayoutsAreRefused) {
     for (uint32_t format : {1u, 2u, 4u}) {
         Floats a = {1}, b = {1}, out = {5};
-        Tensor ta = view({1, 1}, a, NPU_FORMAT_MATRIX);
-        Tensor tb = view({1, 1}, b, NPU_FORMAT_MATRIX);
+        Tensor ta = view({1, 1}, a, NPU_FORMAT_MATRIX), tb = view({1, 1}, b, NPU_FORMAT_MATRIX);
         Tensor to = view({1, 1}, out, format);
         EXPECT_EQ(gemm(&ta, &tb, nullptr, &to), NPU_ERR_SHAPE) << format;
         EXPECT_EQ(out[0], 5.0f);
@@ -133,38 +103,29 @@ TEST(Mac, FusesInOrderFromElementZero) {
 
 // ---- img_2_col --------------------------------------------------------------
 
-struct Img2ColCase {
-    const char *name;
-    Dims image, kernel;
-    uint32_t strides[2];
-    Dims result;
-    Floats expected;  // image values are 0, 1, 2, ... in memory order
-};
-
 TEST(Img2Col, RowsFollowOutputPixelsChannelMajor) {
-    const Img2ColCase cases[] = {
+    const struct {
+        const char *name;
+        Dims image, kernel;
+        uint32_t strides[2];
+        Dims result;
+        Floats expected;  // image values are 0, 1, 2, ... in memory order
+    } cases[] = {
         {"4x4, 2x2 kernel, stride 2", {1, 1, 4, 4}, {1, 1, 2, 2}, {2, 2}, {1, 1, 4, 4},
          {0, 1, 4, 5, 2, 3, 6, 7, 8, 9, 12, 13, 10, 11, 14, 15}},
         {"two channels, stride 1", {1, 2, 2, 3}, {1, 2, 2, 2}, {1, 1}, {1, 1, 2, 8},
          {0, 1, 3, 4, 6, 7, 9, 10, 1, 2, 4, 5, 7, 8, 10, 11}},
         {"two batches", {2, 1, 2, 2}, {1, 1, 2, 1}, {1, 1}, {2, 1, 2, 2}, {0, 2, 1, 3, 4, 6, 5, 7}},
-        {"uneven stride drops the rest", {1, 1, 3, 3}, {1, 1, 2, 2}, {2, 2}, {1, 1, 1, 4},
-         {0, 1, 3, 4}},
-        {"zero strides give one patch", {1, 1, 4, 4}, {1, 1, 2, 2}, {0, 0}, {1, 1, 1, 4},
-         {0, 1, 4, 5}},
-        {"zero height stride", {1, 1, 3, 3}, {1, 1, 2, 2}, {0, 1}, {1, 1, 2, 4},
-         {0, 1, 3, 4, 1, 2, 4, 5}},
+        {"uneven stride drops the rest", {1, 1, 3, 3}, {1, 1, 2, 2}, {2, 2}, {1, 1, 1, 4}, {0, 1, 3, 4}},
+        {"zero strides give one patch", {1, 1, 4, 4}, {1, 1, 2, 2}, {0, 0}, {1, 1, 1, 4}, {0, 1, 4, 5}},
+        {"zero height stride", {1, 1, 3, 3}, {1, 1, 2, 2}, {0, 1}, {1, 1, 2, 4}, {0, 1, 3, 4, 1, 2, 4, 5}},
         // The kernel's channel count drives the copy; reads past the image are
         // skipped rather than made.
-        {"kernel with more channels", {1, 1, 2, 2}, {1, 2, 1, 1}, {1, 1}, {1, 1, 4, 1},
-         {0, 1, 2, 3}},
+        {"kernel with more channels", {1, 1, 2, 2}, {1, 2, 1, 1}, {1, 1}, {1, 1, 4, 1}, {0, 1, 2, 3}},
     };
     for (const auto &c : cases) {
-        Floats image(count_of(c.image));
-        for (size_t i = 0; i < image.size(); ++i) image[i] = static_cast<float>(i);
-        Floats kernel(64, 9.0f);
-        Tensor ti = view(c.image, image);
-        Tensor tk = view(c.kernel, kernel);
+        Floats image = iota(count_of(c.image), 0.0f), kernel(64, 9.0f);
+        Tensor ti = view(c.image, image), tk = view(c.kernel, kernel);
         Tensor *cols = img_2_col(&ti, &tk, c.strides);
         ASSERT_NE(cols, nullptr) << c.name;
         EXPECT_EQ(dims_of(cols->shape), c.result) << c.name;
@@ -177,8 +138,7 @@ TEST(Img2Col, RowsFollowOutputPixelsChannelMajor) {
 
 TEST(Img2Col, ElementCountBeyondInt32IsRefused) {
     Floats image(1, 0.0f), kernel(1, 0.0f);
-    Tensor ti = view({0x10000, 0x8000, 1, 1}, image);  // never read
-    Tensor tk = view({1, 1, 1, 1}, kernel);
+    Tensor ti = view({0x10000, 0x8000, 1, 1}, image), tk = view({1, 1, 1, 1}, kernel);  // never read
     const uint32_t strides[2] = {1, 1};
     Tensor *cols = reinterpret_cast<Tensor *>(1);
     const std::string err = capture_stderr([&] { cols = img_2_col(&ti, &tk, strides); });
@@ -190,28 +150,24 @@ TEST(Img2Col, ElementCountBeyondInt32IsRefused) {
 
 // ---- matmul -----------------------------------------------------------------
 
-struct MatmulCase {
-    const char *name;
-    Dims a_dims, b_dims, out_dims;
-    Floats a, b, expected;
-};
-
 TEST(Matmul, TruncatesOperandsAndWrapsInt32) {
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    const MatmulCase cases[] = {
+    const struct {
+        const char *name;
+        Dims a_dims, b_dims, out_dims;
+        Floats a, b, expected;
+    } cases[] = {
         {"fractions dropped", {1, 1}, {1, 1}, {1, 1}, {1.9f}, {2.9f}, {2}},
         {"row by column", {1, 2}, {2, 1}, {1, 1}, {1.5f, 2.5f}, {2, 2}, {6}},
         {"toward zero, NaN is 0", {1, 3}, {3, 1}, {1, 1}, {-1.9f, nan, 3}, {2, 5, -0.5f}, {-2}},
         // 3e9 saturates to INT32_MAX; times 2 wraps to -2.
         {"saturate then wrap", {1, 1}, {1, 1}, {1, 1}, {3e9f}, {2}, {-2}},
         {"K = 0", {2, 0}, {0, 2}, {2, 2}, {}, {}, {0, 0, 0, 0}},
-        {"vector by matrix", {3}, {3, 2}, {2}, {1, 2, 3}, {1, 2, 3, 4, 5, 6}, {22, 28}},
-        {"matrix by vector", {2, 3}, {3}, {2}, {1, 2, 3, 4, 5, 6}, {1, 0, 1}, {4, 10}},
+        {"vector by matrix", {3}, {3, 2}, {2}, {1, 2, 3}, iota(6), {22, 28}},
+        {"matrix by vector", {2, 3}, {3}, {2}, iota(6), {1, 0, 1}, {4, 10}},
         {"vector by vector", {3}, {3}, {1}, {1, 2, 3}, {4, 5, 6}, {32}},
-        {"rank-2 a reused per batch", {1, 2}, {3, 2, 1}, {3, 1, 1}, {1, 2}, {1, 1, 2, 2, 3, 3},
-         {3, 6, 9}},
-        {"rank-2 b reused per batch", {2, 1, 2}, {2, 1}, {2, 1, 1}, {1, 1, 2, 2}, {1, 2},
-         {3, 6}},
+        {"rank-2 a reused per batch", {1, 2}, {3, 2, 1}, {3, 1, 1}, {1, 2}, {1, 1, 2, 2, 3, 3}, {3, 6, 9}},
+        {"rank-2 b reused per batch", {2, 1, 2}, {2, 1}, {2, 1, 1}, {1, 1, 2, 2}, {1, 2}, {3, 6}},
         {"both batched", {2, 1, 1}, {2, 1, 2}, {2, 1, 2}, {2, 3}, {1, 2, 3, 4}, {2, 4, 9, 12}},
         // Batch dims are not compared: only the batches both buffers hold are
         // computed and writes stop at the output's end.
@@ -222,60 +178,46 @@ TEST(Matmul, TruncatesOperandsAndWrapsInt32) {
     };
     for (const auto &c : cases) {
         Floats a = c.a, b = c.b;
-        Floats out(c.expected.size() + 2, -7.0f);  // two sentinels past the end
-        Tensor ta = view(c.a_dims, a);
-        Tensor tb = view(c.b_dims, b);
-        Tensor to = view(c.out_dims, out);
+        Floats out(c.expected.size() + 2, -7.0f), expected = c.expected;  // two sentinels past the end
+        Tensor ta = view(c.a_dims, a), tb = view(c.b_dims, b), to = view(c.out_dims, out);
         EXPECT_EQ(matmul(&ta, &tb, &to), NPU_OK) << c.name;
-        Floats expected = c.expected;
-        expected.push_back(-7.0f);
-        expected.push_back(-7.0f);
+        expected.insert(expected.end(), 2, -7.0f);
         expect_bits(expected, out.data(), c.name);
     }
 }
 
 // ---- do_padding -------------------------------------------------------------
 
-struct PaddingCase {
-    const char *name;
-    Dims in_dims;
-    uint32_t pads[4];
-    float value;
-    Dims out_dims;
-    Floats expected;  // input values are 1, 2, 3, ...
-};
-
 TEST(DoPadding, ByteFillAndSignedPads) {
-    const float zero = 0.0f;
-    const float ones = from_bits(0x01010101u);
-    const float all_set = from_bits(0xFFFFFFFFu);
+    const float zero = 0.0f, ones = from_bits(0x01010101u), all_set = from_bits(0xFFFFFFFFu);
     const uint32_t m1 = static_cast<uint32_t>(-1);
-    const PaddingCase cases[] = {
+    const struct {
+        const char *name;
+        Dims in_dims;
+        uint32_t pads[4];
+        float value;
+        Dims out_dims;
+        Floats expected;  // input values are 1, 2, 3, ...
+    } cases[] = {
         {"zero border", {1, 1, 2, 2}, {1, 1, 1, 1}, 0.0f, {1, 1, 4, 4},
          {zero, zero, zero, zero, zero, 1, 2, zero, zero, 3, 4, zero, zero, zero, zero, zero}},
-        {"1.0 fills bytes of 0x01", {1, 1, 1, 1}, {1, 0, 0, 1}, 1.0f, {1, 1, 2, 2},
-         {ones, ones, 1, ones}},
+        {"1.0 fills bytes of 0x01", {1, 1, 1, 1}, {1, 0, 0, 1}, 1.0f, {1, 1, 2, 2}, {ones, ones, 1, ones}},
         {"-1.0 fills bytes of 0xff", {1, 1, 1, 1}, {0, 1, 0, 0}, -1.9f, {1, 1, 1, 2}, {all_set, 1}},
         {"saturated low byte is 0", {1, 1, 1, 1}, {0, 1, 0, 0}, -3e38f, {1, 1, 1, 2}, {zero, 1}},
         {"256.5 has a zero low byte", {1, 1, 1, 1}, {0, 0, 0, 1}, 256.5f, {1, 1, 1, 2}, {1, zero}},
         {"two channels, asymmetric", {1, 2, 1, 1}, {0, 1, 1, 0}, 0.0f, {1, 2, 2, 2},
          {zero, 1, zero, zero, zero, 2, zero, zero}},
         {"negative top cuts the first row", {1, 1, 2, 2}, {m1, 0, 0, 0}, 0.0f, {1, 1, 1, 2}, {3, 4}},
-        {"negative bottom cuts the last row", {1, 1, 2, 2}, {0, 0, m1, 0}, 0.0f, {1, 1, 1, 2},
-         {1, 2}},
+        {"negative bottom cuts the last row", {1, 1, 2, 2}, {0, 0, m1, 0}, 0.0f, {1, 1, 1, 2}, {1, 2}},
         // A negative left pad drops columns from the end of each row.
-        {"negative left drops the end", {1, 1, 2, 3}, {0, m1, 0, 0}, 0.0f, {1, 1, 2, 2},
-         {1, 2, 4, 5}},
-        {"negative right drops the end", {1, 1, 2, 3}, {0, 0, 0, m1}, 0.0f, {1, 1, 2, 2},
-         {1, 2, 4, 5}},
+        {"negative left drops the end", {1, 1, 2, 3}, {0, m1, 0, 0}, 0.0f, {1, 1, 2, 2}, {1, 2, 4, 5}},
+        {"negative right drops the end", {1, 1, 2, 3}, {0, 0, 0, m1}, 0.0f, {1, 1, 2, 2}, {1, 2, 4, 5}},
         // Rows overrun into the next one; the last overrun is cut at the end.
-        {"left 1, right -1 overruns", {1, 1, 2, 3}, {0, 1, 0, m1}, 0.0f, {1, 1, 2, 3},
-         {zero, 1, 2, 3, 4, 5}},
+        {"left 1, right -1 overruns", {1, 1, 2, 3}, {0, 1, 0, m1}, 0.0f, {1, 1, 2, 3}, {zero, 1, 2, 3, 4, 5}},
         {"batch 0 holds only the fill", {0, 1, 1, 1}, {1, 1, 1, 1}, 0.0f, {0, 1, 3, 3}, {}},
     };
     for (const auto &c : cases) {
-        Floats in(count_of(c.in_dims) + 1);
-        for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i + 1);
+        Floats in = iota(count_of(c.in_dims) + 1);
         Tensor ti = view(c.in_dims, in);
         Tensor *out = do_padding(&ti, c.pads, c.value);
         ASSERT_NE(out, nullptr) << c.name;
@@ -288,94 +230,67 @@ TEST(DoPadding, ByteFillAndSignedPads) {
 
 // ---- process_auto_pad_mode --------------------------------------------------
 
-struct AutoPadCase {
-    const char *name;
-    const char *mode;
-    uint32_t in_h, in_w, stride_h, stride_w, kernel_h, kernel_w;
-    uint32_t pads[4];
-    uint32_t ceil_mode;
-    uint32_t status;
-    uint32_t expected_pads[4];
-    uint32_t out_h, out_w;  // 99: untouched
-    const char *message;
-};
-
 TEST(ProcessAutoPadMode, EveryMode) {
-    const char *kRight =
-        "[E] [custom] [matrix_ops:L] Not support drop right data when auto_pad is VALID \n";
-    const char *kBottom =
-        "[E] [custom] [matrix_ops:L] Not support drop bottom data when auto_pad is VALID \n";
-    const uint32_t big = 0x7FFFFFFFu;
-    const AutoPadCase cases[] = {
-        {"upper: odd total to the end", "SAME_UPPER", 5, 5, 2, 2, 2, 2, {9, 9, 9, 9}, 0, NPU_OK,
-         {0, 0, 1, 1}, 3, 3, ""},
-        {"lower: odd total to the start", "SAME_LOWER", 5, 5, 2, 2, 2, 2, {9, 9, 9, 9}, 0, NPU_OK,
-         {1, 1, 0, 0}, 3, 3, ""},
-        {"axes split independently", "SAME_LOWER", 5, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 1, NPU_OK,
-         {1, 1, 1, 0}, 3, 3, ""},
-        {"same ignores ceil_mode", "SAME_UPPER", 7, 7, 3, 3, 3, 3, {0, 0, 0, 0}, 0, NPU_OK,
-         {1, 1, 1, 1}, 3, 3, ""},
+    const std::string E = "[E] [custom] [matrix_ops:L] ";
+    const std::string right = E + "Not support drop right data when auto_pad is VALID \n",
+                      bottom = E + "Not support drop bottom data when auto_pad is VALID \n";
+    const uint32_t big = 0x7FFFFFFFu, X = 99;  // X: output size untouched
+    const struct {
+        const char *name, *mode;
+        uint32_t in_h, in_w, stride_h, stride_w, kernel_h, kernel_w, pads[4], ceil_mode, status;
+        uint32_t expected_pads[4], out_h, out_w;
+        std::string message;
+    } cases[] = {
+        {"upper: odd total to the end", "SAME_UPPER", 5, 5, 2, 2, 2, 2, {9, 9, 9, 9}, 0, NPU_OK, {0, 0, 1, 1}, 3, 3, ""},
+        {"lower: odd total to the start", "SAME_LOWER", 5, 5, 2, 2, 2, 2, {9, 9, 9, 9}, 0, NPU_OK, {1, 1, 0, 0}, 3, 3, ""},
+        {"axes split independently", "SAME_LOWER", 5, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 1, NPU_OK, {1, 1, 1, 0}, 3, 3, ""},
+        {"same ignores ceil_mode", "SAME_UPPER", 7, 7, 3, 3, 3, 3, {0, 0, 0, 0}, 0, NPU_OK, {1, 1, 1, 1}, 3, 3, ""},
         // Kernel 1 smaller than stride 3 on 6: total 1 + 3 - 6 wraps.
-        {"total wraps unclamped", "SAME_UPPER", 6, 6, 3, 3, 1, 1, {0, 0, 0, 0}, 0, NPU_OK,
-         {big, big, big, big}, 2, 2, ""},
-        {"prefix of SAME_UPPER", "SAME_UPPER_X", 4, 4, 1, 1, 3, 3, {0, 0, 0, 0}, 0, NPU_OK,
-         {1, 1, 1, 1}, 4, 4, ""},
-        {"notset with pads", "NOTSET", 5, 6, 2, 1, 3, 2, {1, 0, 1, 2}, 0, NPU_OK, {1, 0, 1, 2}, 3, 7,
-         ""},
-        {"notset truncates", "NOTSET", 6, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 0, NPU_OK, {0, 0, 0, 0}, 2, 2,
-         ""},
-        {"notset ceil_mode rounds up", "NOTSETTLED", 6, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 1, NPU_OK,
-         {0, 0, 0, 0}, 3, 3, ""},
-        {"notset pads summing to 0 in 32 bits", "NOTSET", 4, 4, 1, 1, 1, 1, {1, 0xFFFFFFFFu, 0, 0}, 0,
-         NPU_OK, {0, 0, 0, 0}, 4, 4, ""},
+        {"total wraps unclamped", "SAME_UPPER", 6, 6, 3, 3, 1, 1, {0, 0, 0, 0}, 0, NPU_OK, {big, big, big, big}, 2, 2, ""},
+        {"prefix of SAME_UPPER", "SAME_UPPER_X", 4, 4, 1, 1, 3, 3, {0, 0, 0, 0}, 0, NPU_OK, {1, 1, 1, 1}, 4, 4, ""},
+        {"notset with pads", "NOTSET", 5, 6, 2, 1, 3, 2, {1, 0, 1, 2}, 0, NPU_OK, {1, 0, 1, 2}, 3, 7, ""},
+        {"notset truncates", "NOTSET", 6, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 0, NPU_OK, {0, 0, 0, 0}, 2, 2, ""},
+        {"notset ceil_mode rounds up", "NOTSETTLED", 6, 6, 2, 2, 3, 3, {0, 0, 0, 0}, 1, NPU_OK, {0, 0, 0, 0}, 3, 3, ""},
+        {"notset pads summing to 0 in 32 bits", "NOTSET", 4, 4, 1, 1, 1, 1, {1, 0xFFFFFFFFu, 0, 0}, 0, NPU_OK,
+         {0, 0, 0, 0}, 4, 4, ""},
         {"valid", "VALID", 7, 9, 2, 3, 3, 3, {5, 5, 5, 5}, 0, NPU_OK, {0, 0, 0, 0}, 3, 3, ""},
         {"valid prefix", "VALIDX", 3, 3, 1, 1, 3, 3, {5, 5, 5, 5}, 1, NPU_OK, {0, 0, 0, 0}, 1, 1, ""},
-        {"valid checks width first", "VALID", 6, 6, 2, 2, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE,
-         {5, 5, 5, 5}, 99, 99, kRight},
-        {"valid bottom leftover", "VALID", 6, 7, 2, 2, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE,
-         {5, 5, 5, 5}, 99, 99, kBottom},
-        {"valid zero stride, leftover", "VALID", 3, 4, 0, 0, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE,
-         {5, 5, 5, 5}, 99, 99, kRight},
-        {"valid zero stride, no leftover", "VALID", 3, 3, 0, 0, 3, 3, {5, 5, 5, 5}, 0,
-         NPU_ERR_INVALID_ARG, {5, 5, 5, 5}, 99, 99, ""},
-        {"notset zero stride", "NOTSET", 3, 3, 1, 0, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG,
-         {1, 1, 1, 1}, 99, 99, ""},
-        {"same zero stride", "SAME_LOWER", 3, 3, 0, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG,
-         {1, 1, 1, 1}, 99, 99, ""},
-        {"empty mode", "", 3, 3, 1, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG, {1, 1, 1, 1}, 99,
-         99, "[E] [custom] [matrix_ops:L] INVALID auto_pad_ mode  \n"},
-        {"lower case", "same_upper", 3, 3, 1, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG,
-         {1, 1, 1, 1}, 99, 99, "[E] [custom] [matrix_ops:L] INVALID auto_pad_ mode same_upper \n"},
+        {"valid checks width first", "VALID", 6, 6, 2, 2, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE, {5, 5, 5, 5}, X, X, right},
+        {"valid bottom leftover", "VALID", 6, 7, 2, 2, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE, {5, 5, 5, 5}, X, X, bottom},
+        {"valid zero stride, leftover", "VALID", 3, 4, 0, 0, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_SHAPE, {5, 5, 5, 5}, X, X, right},
+        {"valid zero stride, no leftover", "VALID", 3, 3, 0, 0, 3, 3, {5, 5, 5, 5}, 0, NPU_ERR_INVALID_ARG, {5, 5, 5, 5},
+         X, X, ""},
+        {"notset zero stride", "NOTSET", 3, 3, 1, 0, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG, {1, 1, 1, 1}, X, X, ""},
+        {"same zero stride", "SAME_LOWER", 3, 3, 0, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG, {1, 1, 1, 1}, X, X, ""},
+        {"empty mode", "", 3, 3, 1, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG, {1, 1, 1, 1}, X, X,
+         E + "INVALID auto_pad_ mode  \n"},
+        {"lower case", "same_upper", 3, 3, 1, 1, 1, 1, {1, 1, 1, 1}, 0, NPU_ERR_INVALID_ARG, {1, 1, 1, 1}, X, X,
+         E + "INVALID auto_pad_ mode same_upper \n"},
     };
     for (const auto &c : cases) {
-        uint32_t pads[4] = {c.pads[0], c.pads[1], c.pads[2], c.pads[3]};
-        uint32_t out_h = 99, out_w = 99;
-        uint32_t status = 0;
+        SCOPED_TRACE(c.name);
+        uint32_t pads[4] = {c.pads[0], c.pads[1], c.pads[2], c.pads[3]}, out_h = X, out_w = X, status = 0;
         const std::string err = capture_stderr([&] {
-            status = process_auto_pad_mode(c.mode, c.in_h, c.in_w, c.stride_h, c.stride_w,
-                                           c.kernel_h, c.kernel_w, pads, c.ceil_mode, &out_h,
-                                           &out_w);
+            status = process_auto_pad_mode(c.mode, c.in_h, c.in_w, c.stride_h, c.stride_w, c.kernel_h, c.kernel_w,
+                                           pads, c.ceil_mode, &out_h, &out_w);
         });
-        EXPECT_EQ(status, c.status) << c.name;
-        for (int i = 0; i < 4; ++i) EXPECT_EQ(pads[i], c.expected_pads[i]) << c.name << " pad " << i;
-        EXPECT_EQ(out_h, c.out_h) << c.name;
-        EXPECT_EQ(out_w, c.out_w) << c.name;
-        EXPECT_EQ(mask_error_lines(err), c.message) << c.name;
+        EXPECT_EQ(status, c.status);
+        EXPECT_EQ(Dims(pads, pads + 4), Dims(c.expected_pads, c.expected_pads + 4));
+        EXPECT_EQ(Dims({out_h, out_w}), Dims({c.out_h, c.out_w}));
+        EXPECT_EQ(mask_error_lines(err), c.message);
     }
 }
 
 // ---- split, concat, broadcast_bias, add --------------------------------------
 
-struct SplitCase {
-    const char *name;
-    Dims dims;
-    uint32_t axis;
-    Dims sizes;
-    std::vector<Floats> pieces;  // input values are 0, 1, 2, ...
-};
-
 TEST(SplitConcat, RoundTrips) {
-    const SplitCase cases[] = {
+    const struct {
+        const char *name;
+        Dims dims;
+        uint32_t axis;
+        Dims sizes;
+        std::vector<Floats> pieces;  // input values are 0, 1, 2, ...
+    } cases[] = {
         {"axis 0", {3, 2}, 0, {1, 2}, {{0, 1}, {2, 3, 4, 5}}},
         {"axis 1 of 3-D", {2, 3, 2}, 1, {2, 1}, {{0, 1, 2, 3, 6, 7, 8, 9}, {4, 5, 10, 11}}},
         {"last axis", {2, 3}, 1, {1, 1, 1}, {{0, 3}, {1, 4}, {2, 5}}},
@@ -383,33 +298,30 @@ TEST(SplitConcat, RoundTrips) {
         {"empty piece", {2, 2}, 1, {0, 2}, {{}, {0, 1, 2, 3}}},
     };
     for (const auto &c : cases) {
-        Floats in(count_of(c.dims));
-        for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i);
+        SCOPED_TRACE(c.name);
+        Floats in = iota(count_of(c.dims), 0.0f);
         Tensor ti = view(c.dims, in);
         TensorList head = {nullptr, nullptr};
-        ASSERT_EQ(split(&ti, c.axis, c.sizes.data(), static_cast<uint32_t>(c.sizes.size()), &head),
-                  NPU_OK)
-            << c.name;
+        const uint32_t pieces = static_cast<uint32_t>(c.sizes.size());
+        ASSERT_EQ(split(&ti, c.axis, c.sizes.data(), pieces, &head), NPU_OK);
         size_t k = 0;
         for (const TensorList *node = head.next; node != nullptr; node = node->next, ++k) {
-            ASSERT_LT(k, c.pieces.size()) << c.name;
+            ASSERT_LT(k, c.pieces.size());
             Dims expected_dims = c.dims;
             expected_dims[c.axis] = c.sizes[k];
-            EXPECT_EQ(dims_of(node->tensor->shape), expected_dims) << c.name;
-            ASSERT_EQ(GetElemSize(&node->tensor->shape), c.pieces[k].size()) << c.name;
+            EXPECT_EQ(dims_of(node->tensor->shape), expected_dims);
+            ASSERT_EQ(GetElemSize(&node->tensor->shape), c.pieces[k].size());
             expect_bits(c.pieces[k], node->tensor->data, c.name);
         }
-        EXPECT_EQ(k, c.pieces.size()) << c.name;
+        EXPECT_EQ(k, c.pieces.size());
 
         // Splitting again into the existing pieces overwrites them in place.
-        for (TensorList *node = head.next; node != nullptr; node = node->next) {
+        for (TensorList *node = head.next; node != nullptr; node = node->next)
             fill_vec_float(node->tensor->data, -1.0f, GetElemSize(&node->tensor->shape));
-        }
-        ASSERT_EQ(split(&ti, c.axis, c.sizes.data(), static_cast<uint32_t>(c.sizes.size()), &head),
-                  NPU_OK);
+        ASSERT_EQ(split(&ti, c.axis, c.sizes.data(), pieces, &head), NPU_OK);
         Floats joined(in.size() + 1, -9.0f);
         Tensor tj = view(c.dims, joined);
-        EXPECT_EQ(concat(&head, static_cast<uint32_t>(c.sizes.size()), c.axis, &tj), NPU_OK);
+        EXPECT_EQ(concat(&head, pieces, c.axis, &tj), NPU_OK);
         in.push_back(-9.0f);
         expect_bits(in, joined.data(), c.name);
         free_vec(head.next);
@@ -427,21 +339,18 @@ TEST(SplitConcat, AxisOutsideTheShapeFails) {
         EXPECT_EQ(status, NPU_ERR_INVALID_ARG) << axis;
         EXPECT_EQ(head.next, nullptr);
         // A negative axis passes the signed check and is refused without a message.
-        EXPECT_EQ(mask_error_lines(err),
-                  axis == 1 ? "[E] [custom] [tensor_ops:L] Split axis  is great than input shape  \n"
-                            : "");
+        EXPECT_EQ(mask_error_lines(err), axis == 1 ? "[E] [custom] [tensor_ops:L] Split axis  is great than input shape  \n" : "");
     }
     EXPECT_EQ(split(&ti, 0, sizes, 0, &head), NPU_OK);
     EXPECT_EQ(head.next, nullptr);
 }
 
 TEST(BroadcastBias, PlacesBiasOnMatchingAxis) {
-    struct Case {
+    const struct {
         const char *name;
         Dims bias_dims, target_dims;
         Floats bias, expected;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"1-D bias on NCHW channels", {2}, {1, 2, 1, 3}, {5, 7}, {5, 5, 5, 7, 7, 7}},
         {"1-D bias matches the first equal dim", {3}, {3, 3}, {1, 2, 3}, {1, 1, 1, 2, 2, 2, 3, 3, 3}},
         {"no equal dim aligns at axis 0", {1}, {2, 2}, {4}, {4, 4, 4, 4}},
@@ -449,8 +358,7 @@ TEST(BroadcastBias, PlacesBiasOnMatchingAxis) {
     };
     for (const auto &c : cases) {
         Floats bias = c.bias, target(c.expected.size());
-        Tensor tb = view(c.bias_dims, bias, NPU_FORMAT_NHWC);
-        Tensor tt = view(c.target_dims, target);
+        Tensor tb = view(c.bias_dims, bias, NPU_FORMAT_NHWC), tt = view(c.target_dims, target);
         Tensor *r = broadcast_bias(&tb, &tt);
         ASSERT_NE(r, nullptr) << c.name;
         EXPECT_EQ(dims_of(r->shape), c.target_dims) << c.name;
@@ -460,13 +368,11 @@ TEST(BroadcastBias, PlacesBiasOnMatchingAxis) {
     }
 
     Floats bias = {1, 2}, target = {0, 0};
-    Tensor tb = view({1, 2}, bias);
-    Tensor tt = view({2}, target);
+    Tensor tb = view({1, 2}, bias), tt = view({2}, target);
     Tensor *r = reinterpret_cast<Tensor *>(1);
     const std::string err = capture_stderr([&] { r = broadcast_bias(&tb, &tt); });
     EXPECT_EQ(r, nullptr);
-    EXPECT_EQ(mask_error_lines(err),
-              "[E] [custom] [tensor_ops:L] not support from bigger shape to small shape! \n");
+    EXPECT_EQ(mask_error_lines(err), "[E] [custom] [tensor_ops:L] not support from bigger shape to small shape! \n");
 }
 
 TEST(Add, CountFromFirstOperand) {

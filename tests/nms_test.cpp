@@ -70,84 +70,48 @@ NmsResult run_nms(NmsCall call) {
 // Two unit squares far apart, plus a copy of the first.
 const std::vector<float> kSquareSquareCopy = {0, 0, 1, 1, 5, 5, 6, 6, 0, 0, 1, 1};
 
-struct SelectCase {
-    const char *name;
-    NmsCall call;
-    std::vector<uint32_t> out_dims;
-    std::vector<Row> rows;  // the whole output, zero rows included
-};
-
 TEST(Nms, Selection) {
-    const std::vector<SelectCase> cases = {
-        {"identical boxes, IoU 1.0 above threshold 0.5",
-         {{0, 0, 1, 1, 0, 0, 1, 1}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 2, 0.5f},
-         {2, 3},
+    const std::vector<float> two_far = {0, 0, 1, 1, 5, 5, 6, 6}, two_same = {0, 0, 1, 1, 0, 0, 1, 1};
+    const std::vector<uint32_t> b2 = {1, 2, 4}, s2 = {1, 1, 2};
+    const struct {
+        const char *name;
+        NmsCall call;
+        std::vector<uint32_t> out_dims;
+        std::vector<Row> rows;  // the whole output, zero rows included
+    } cases[] = {
+        {"identical boxes, IoU 1.0 above threshold 0.5", {two_same, b2, {0.9f, 0.8f}, s2, 2, 0.5f}, {2, 3},
          {{0, 0, 0}, {0, 0, 0}}},
-        {"identical boxes, IoU 1.0 not above threshold 1.0",
-         {{0, 0, 1, 1, 0, 0, 1, 1}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 2, 1.0f},
-         {2, 3},
+        {"identical boxes, IoU 1.0 not above threshold 1.0", {two_same, b2, {0.9f, 0.8f}, s2, 2, 1.0f}, {2, 3},
          {{0, 0, 0}, {0, 0, 1}}},
-        {"score threshold 0.0 keeps negative scores, best first",
-         {{0, 0, 1, 1, 5, 5, 6, 6}, {1, 2, 4}, {-0.5f, -0.1f}, {1, 1, 2}, 2, 0.5f, 0.0f},
-         {2, 3},
-         {{0, 0, 1}, {0, 0, 0}}},
-        {"score threshold 0.1 drops a score of exactly 0.1",
-         {{0, 0, 1, 1, 5, 5, 6, 6}, {1, 2, 4}, {0.1f, 0.2f}, {1, 1, 2}, 2, 0.5f, 0.1f},
-         {2, 3},
+        {"score threshold 0.0 keeps negative scores, best first", {two_far, b2, {-0.5f, -0.1f}, s2, 2, 0.5f, 0.0f},
+         {2, 3}, {{0, 0, 1}, {0, 0, 0}}},
+        {"score threshold 0.1 drops a score of exactly 0.1", {two_far, b2, {0.1f, 0.2f}, s2, 2, 0.5f, 0.1f}, {2, 3},
          {{0, 0, 1}, {0, 0, 0}}},
         {"touching boxes never suppress, even at threshold 0",
-         {{0, 0, 1, 1, 0, 1, 1, 2, 1, 0, 2, 1}, {1, 3, 4}, {0.9f, 0.8f, 0.7f}, {1, 1, 3}, 3, 0.0f},
-         {3, 3},
+         {{0, 0, 1, 1, 0, 1, 1, 2, 1, 0, 2, 1}, {1, 3, 4}, {0.9f, 0.8f, 0.7f}, {1, 1, 3}, 3, 0.0f}, {3, 3},
          {{0, 0, 0}, {0, 0, 1}, {0, 0, 2}}},
-        {"corners given high first describe the same box",
-         {{0, 0, 2, 2, 2, 2, 0, 0}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 2, 0.99f},
-         {2, 3},
-         {{0, 0, 0}, {0, 0, 0}}},
-        {"corner form: IoU 9/16 suppresses at 0.45",
-         {{0, 0, 4, 4, 1, 1, 4, 4}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 2, 0.45f, 0.0f, 0},
-         {2, 3},
-         {{0, 0, 0}, {0, 0, 0}}},
+        {"corners given high first describe the same box", {{0, 0, 2, 2, 2, 2, 0, 0}, b2, {0.9f, 0.8f}, s2, 2, 0.99f},
+         {2, 3}, {{0, 0, 0}, {0, 0, 0}}},
+        {"corner form: IoU 9/16 suppresses at 0.45", {{0, 0, 4, 4, 1, 1, 4, 4}, b2, {0.9f, 0.8f}, s2, 2, 0.45f, 0.0f, 0},
+         {2, 3}, {{0, 0, 0}, {0, 0, 0}}},
         {"centre form: the same numbers overlap 9/23 and survive 0.45",
-         {{0, 0, 4, 4, 1, 1, 4, 4}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 2, 0.45f, 0.0f, 1},
-         {2, 3},
-         {{0, 0, 0}, {0, 0, 1}}},
+         {{0, 0, 4, 4, 1, 1, 4, 4}, b2, {0.9f, 0.8f}, s2, 2, 0.45f, 0.0f, 1}, {2, 3}, {{0, 0, 0}, {0, 0, 1}}},
         {"equal scores keep ascending box order",
-         {{0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6, 7, 7},
-          {1, 4, 4},
-          {0.5f, 0.9f, 0.5f, 0.9f},
-          {1, 1, 4},
-          4,
-          0.5f},
-         {4, 3},
+         {npucpu_test::iota(16, 0.0f), {1, 4, 4}, {0.5f, 0.9f, 0.5f, 0.9f}, {1, 1, 4}, 4, 0.5f}, {4, 3},
          {{0, 0, 1}, {0, 0, 3}, {0, 0, 0}, {0, 0, 2}}},
         {"classes packed in order without gaps, remainder zero",
-         {kSquareSquareCopy, {1, 3, 4}, {0.9f, 0.8f, 0.7f, 0.2f, 0.05f, 0.6f}, {1, 2, 3}, 2, 0.5f,
-          0.1f},
-         {4, 3},
+         {kSquareSquareCopy, {1, 3, 4}, {0.9f, 0.8f, 0.7f, 0.2f, 0.05f, 0.6f}, {1, 2, 3}, 2, 0.5f, 0.1f}, {4, 3},
          {{0, 0, 0}, {0, 0, 1}, {0, 1, 2}, {0, 0, 0}}},
         {"a suppressed candidate does not use up the count",
-         {kSquareSquareCopy, {1, 3, 4}, {0.9f, 0.1f, 0.8f}, {1, 1, 3}, 2, 0.5f},
-         {2, 3},
-         {{0, 0, 0}, {0, 0, 1}}},
+         {kSquareSquareCopy, {1, 3, 4}, {0.9f, 0.1f, 0.8f}, {1, 1, 3}, 2, 0.5f}, {2, 3}, {{0, 0, 0}, {0, 0, 1}}},
         {"batch-major: each batch's boxes are its own",
-         {{0, 0, 1, 1, 5, 5, 6, 6, 0, 0, 1, 1, 0, 0, 1, 1},
-          {2, 2, 4},
-          {0.9f, 0.8f, 0.7f, 0.6f},
-          {2, 1, 2},
-          2,
-          0.5f},
-         {4, 3},
-         {{0, 0, 0}, {0, 0, 1}, {1, 0, 0}, {0, 0, 0}}},
-        {"the count is capped by the number of boxes",
-         {{0, 0, 1, 1, 5, 5, 6, 6}, {1, 2, 4}, {0.9f, 0.8f}, {1, 1, 2}, 100, 0.5f},
-         {2, 3},
+         {{0, 0, 1, 1, 5, 5, 6, 6, 0, 0, 1, 1, 0, 0, 1, 1}, {2, 2, 4}, {0.9f, 0.8f, 0.7f, 0.6f}, {2, 1, 2}, 2, 0.5f},
+         {4, 3}, {{0, 0, 0}, {0, 0, 1}, {1, 0, 0}, {0, 0, 0}}},
+        {"the count is capped by the number of boxes", {two_far, b2, {0.9f, 0.8f}, s2, 100, 0.5f}, {2, 3},
          {{0, 0, 0}, {0, 0, 1}}},
-        {"a negative count selects nothing",
-         {{0, 0, 1, 1}, {1, 1, 4}, {0.9f}, {1, 1, 1}, -3, 0.5f},
-         {0, 3},
-         {}},
+        {"a negative count selects nothing", {{0, 0, 1, 1}, {1, 1, 4}, {0.9f}, {1, 1, 1}, -3, 0.5f}, {0, 3}, {}},
     };
-    for (const SelectCase &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         const NmsResult r = run_nms(c.call);
         EXPECT_EQ(r.infer, NPU_OK);
@@ -159,34 +123,26 @@ TEST(Nms, Selection) {
 }
 
 TEST(Nms, InfershapeWarningsAndShape) {
-    const std::string pre = "[E] [custom] [nms_ops_impl:L] ";
-    struct Case {
+    const std::string pre = "[E] [custom] [nms_ops_impl:L] ", inner = "the most inner dimension in boxes must have 4 data. \n";
+    const std::string three = pre + "boxes and score must be a 3D tensor. \n" + pre +
+                              "boxes and scores should have same num_batches. \n" + pre +
+                              "boxes and scores should have same spatial_dimension. \n";
+    const struct {
         const char *name;
         std::vector<uint32_t> box_dims, score_dims;
         int64_t max_out;
         uint32_t status;
         std::string err;
         std::vector<uint32_t> out_dims;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"consistent shapes", {2, 5, 4}, {2, 3, 5}, 4, NPU_OK, "", {24, 3}},
-        {"last dim not 4 only warns", {1, 2, 5}, {1, 1, 2}, 2, NPU_OK,
-         pre + "the most inner dimension in boxes must have 4 data. \n", {2, 3}},
-        {"every warning, in order, then the shape", {2, 4}, {1, 1, 2}, 1, NPU_OK,
-         pre + "boxes and score must be a 3D tensor. \n" + pre +
-             "boxes and scores should have same num_batches. \n" + pre +
-             "boxes and scores should have same spatial_dimension. \n" + pre +
-             "the most inner dimension in boxes must have 4 data. \n",
-         {2, 3}},
-        {"rank-0 scores are refused after the warnings", {1, 1, 4}, {}, 1, NPU_ERR_INPUT,
-         pre + "boxes and score must be a 3D tensor. \n" + pre +
-             "boxes and scores should have same num_batches. \n" + pre +
-             "boxes and scores should have same spatial_dimension. \n",
-         {}},
+        {"last dim not 4 only warns", {1, 2, 5}, {1, 1, 2}, 2, NPU_OK, pre + inner, {2, 3}},
+        {"every warning, in order, then the shape", {2, 4}, {1, 1, 2}, 1, NPU_OK, three + pre + inner, {2, 3}},
+        {"rank-0 scores are refused after the warnings", {1, 1, 4}, {}, 1, NPU_ERR_INPUT, three, {}},
         {"zero count gives no rows", {1, 4, 4}, {1, 2, 4}, 0, NPU_OK, "", {0, 3}},
         {"negative count gives no rows", {1, 4, 4}, {1, 2, 4}, -1, NPU_OK, "", {0, 3}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<float> boxes(64), scores(64);
         int64_t max_out = c.max_out;
@@ -195,8 +151,7 @@ TEST(Nms, InfershapeWarningsAndShape) {
         ctx.input(1, shape_of(c.score_dims), scores);
         ctx.input(2, shape_of({1}), &max_out, sizeof(max_out), NPU_DTYPE_INT64);
         uint32_t status = 0;
-        const std::string err =
-            mask_error_lines(capture_stderr([&] { status = nms_infershape(ctx.h); }));
+        const std::string err = mask_error_lines(capture_stderr([&] { status = nms_infershape(ctx.h); }));
         EXPECT_EQ(status, c.status);
         EXPECT_EQ(err, c.err);
         EXPECT_EQ(dims_of(ctx.output_shape(0)), c.out_dims);
@@ -229,7 +184,9 @@ TEST(Nms, WithoutCountInputTheResultIsEmpty) {
 // Malformed compute calls: refused with 0xa0808003 and nothing written, or
 // (for a too-short output) written only as far as the buffer goes.
 TEST(Nms, ComputeGuards) {
-    struct Case {
+    const Row s{kSentinel, kSentinel, kSentinel};
+    const std::vector<uint32_t> b = {1, 2, 4}, sc = {1, 1, 2};
+    const struct {
         const char *name;
         std::vector<uint32_t> box_dims, score_dims;
         bool null_boxes, null_scores, null_out;
@@ -237,23 +194,17 @@ TEST(Nms, ComputeGuards) {
         size_t out_rows;  // rows the output buffer holds
         uint32_t status;
         std::vector<Row> rows;
-    };
-    const Row s{kSentinel, kSentinel, kSentinel};
-    const std::vector<uint32_t> b = {1, 2, 4}, sc = {1, 1, 2};
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"null boxes", b, sc, true, false, false, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
         {"null scores", b, sc, false, true, false, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
         {"null output", b, sc, false, false, true, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
-        {"boxes shape below batches x boxes x 4", {1, 2, 3}, sc, false, false, false, 2, 2,
-         NPU_ERR_INVALID_ARG, {s, s}},
-        {"scores shape below batches x classes x boxes", b, {1, 1}, false, false, false, 2, 2,
-         NPU_ERR_INVALID_ARG, {s, s}},
-        {"zero count returns before the buffer checks", b, sc, true, false, false, 0, 2, NPU_OK,
+        {"boxes shape below batches x boxes x 4", {1, 2, 3}, sc, false, false, false, 2, 2, NPU_ERR_INVALID_ARG, {s, s}},
+        {"scores shape below batches x classes x boxes", b, {1, 1}, false, false, false, 2, 2, NPU_ERR_INVALID_ARG,
          {s, s}},
-        {"rows past a short output are dropped", b, sc, false, false, false, 2, 1, NPU_OK,
-         {{0, 0, 0}, s}},
+        {"zero count returns before the buffer checks", b, sc, true, false, false, 0, 2, NPU_OK, {s, s}},
+        {"rows past a short output are dropped", b, sc, false, false, false, 2, 1, NPU_OK, {{0, 0, 0}, s}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<float> boxes = {0, 0, 1, 1, 5, 5, 6, 6}, scores = {0.9f, 0.8f};
         int64_t max_out = c.max_out;
@@ -263,8 +214,7 @@ TEST(Nms, ComputeGuards) {
         ctx.input(1, shape_of(c.score_dims), c.null_scores ? nullptr : scores.data(), 8);
         ctx.input(2, shape_of({1}), &max_out, 8, NPU_DTYPE_INT64);
         capture_stderr([&] { ASSERT_EQ(nms_infershape(ctx.h), NPU_OK); });
-        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_out ? nullptr : out.data(),
-                                              c.out_rows * sizeof(Row));
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, c.null_out ? nullptr : out.data(), c.out_rows * sizeof(Row));
         uint32_t status = 0;
         EXPECT_EQ(capture_stderr([&] { status = nms_compute(ctx.h); }), "");
         EXPECT_EQ(status, c.status);
@@ -273,14 +223,13 @@ TEST(Nms, ComputeGuards) {
 }
 
 TEST(Nms, IouTestAndComparator) {
-    struct Case {
+    const struct {
         const char *name;
         std::vector<float> boxes;  // two boxes
         int64_t center_point_box;
         float threshold;
         bool suppressed;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"half overlap: IoU 1/3 above 0.3", {0, 0, 2, 2, 0, 1, 2, 3}, 0, 0.3f, true},
         {"half overlap: IoU 1/3 not above 0.34", {0, 0, 2, 2, 0, 1, 2, 3}, 0, 0.34f, false},
         {"shared edge is no overlap", {0, 0, 1, 1, 1, 0, 2, 1}, 0, -1.0f, false},
@@ -290,12 +239,10 @@ TEST(Nms, IouTestAndComparator) {
         {"centre form with shared edge", {1, 1, 2, 2, 3, 1, 2, 2}, 1, -1.0f, false},
         {"NaN coordinate never suppresses", {0, 0, 2, 2, 0, 0, 2, NAN}, 0, -1.0f, false},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(suppress_by_iou(c.boxes.data(), 0, 1, c.center_point_box, c.threshold),
-                  c.suppressed);
-        EXPECT_EQ(suppress_by_iou(c.boxes.data(), 1, 0, c.center_point_box, c.threshold),
-                  c.suppressed);
+        EXPECT_EQ(suppress_by_iou(c.boxes.data(), 0, 1, c.center_point_box, c.threshold), c.suppressed);
+        EXPECT_EQ(suppress_by_iou(c.boxes.data(), 1, 0, c.center_point_box, c.threshold), c.suppressed);
     }
     const BboxInfo low{0.25f, 7}, high{0.75f, 1}, low2{0.25f, 3};
     EXPECT_EQ(cmp_bbox_info(&low, &high), 1);

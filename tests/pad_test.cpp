@@ -35,23 +35,16 @@ struct PadCase {
 };
 
 TEST(Pad, Modes) {
-    const std::vector<float> k123 = {1, 2, 3};
-    const std::vector<float> k1234 = {1, 2, 3, 4};
-    const std::vector<float> k2x3 = {1, 2, 3, 4, 5, 6};
+    const std::vector<float> k123 = {1, 2, 3}, k1234 = {1, 2, 3, 4}, k2x3 = {1, 2, 3, 4, 5, 6};
     const std::vector<PadCase> cases = {
-        {"zero pads copy, constant", {2, 3}, k2x3, {0, 0, 0, 0}, "constant", false, 0, {2, 3},
-         k2x3, ""},
-        {"zero pads copy, reflect", {2, 3}, k2x3, {0, 0, 0, 0}, "reflect", false, 0, {2, 3}, k2x3,
-         ""},
+        {"zero pads copy, constant", {2, 3}, k2x3, {0, 0, 0, 0}, "constant", false, 0, {2, 3}, k2x3, ""},
+        {"zero pads copy, reflect", {2, 3}, k2x3, {0, 0, 0, 0}, "reflect", false, 0, {2, 3}, k2x3, ""},
         {"zero pads copy, edge", {2, 3}, k2x3, {0, 0, 0, 0}, "edge", false, 0, {2, 3}, k2x3, ""},
-        {"constant without input 2 is zero", {3}, k123, {2, 2}, nullptr, false, 0, {7},
-         {0, 0, 1, 2, 3, 0, 0}, ""},
-        {"constant from input 2", {3}, k123, {2, 1}, "constant", true, 9, {6}, {9, 9, 1, 2, 3, 9},
-         ""},
+        {"constant without input 2 is zero", {3}, k123, {2, 2}, nullptr, false, 0, {7}, {0, 0, 1, 2, 3, 0, 0}, ""},
+        {"constant from input 2", {3}, k123, {2, 1}, "constant", true, 9, {6}, {9, 9, 1, 2, 3, 9}, ""},
         {"constant on both axes", {2, 3}, k2x3, {1, 0, 0, 1}, "constant", true, 7, {3, 4},
          {7, 7, 7, 7, 1, 2, 3, 7, 4, 5, 6, 7}, ""},
-        {"reflect within one reflection", {3}, k123, {2, 2}, "reflect", true, 9, {7},
-         {3, 2, 1, 2, 3, 2, 1}, ""},
+        {"reflect within one reflection", {3}, k123, {2, 2}, "reflect", true, 9, {7}, {3, 2, 1, 2, 3, 2, 1}, ""},
         {"reflect beyond one reflection takes the constant", {3}, k123, {3, 3}, "reflect", true, 9,
          {9}, {9, 3, 2, 1, 2, 3, 2, 1, 9}, ""},
         {"reflect on two axes", {2, 3}, k2x3, {1, 1, 1, 1}, "reflect", false, 0, {4, 5},
@@ -63,12 +56,9 @@ TEST(Pad, Modes) {
         {"edge", {3}, k123, {2, 1}, "edge", false, 0, {6}, {1, 1, 1, 2, 3, 3}, ""},
         {"edge on two axes", {2, 3}, k2x3, {1, 0, 0, 2}, "edge", false, 0, {3, 5},
          {1, 2, 3, 3, 3, 1, 2, 3, 3, 3, 4, 5, 6, 6, 6}, ""},
-        {"negative pads crop, constant", {5}, {1, 2, 3, 4, 5}, {-1, -2}, "constant", false, 0, {2},
-         {2, 3}, ""},
-        {"negative pads crop, edge", {2, 3}, k2x3, {-1, 1, 0, -2}, "edge", false, 0, {1, 2}, {4, 4},
-         ""},
-        {"crop and grow on one axis", {4}, k1234, {-1, 2}, "constant", true, 8, {5},
-         {2, 3, 4, 8, 8}, ""},
+        {"negative pads crop, constant", {5}, {1, 2, 3, 4, 5}, {-1, -2}, "constant", false, 0, {2}, {2, 3}, ""},
+        {"negative pads crop, edge", {2, 3}, k2x3, {-1, 1, 0, -2}, "edge", false, 0, {1, 2}, {4, 4}, ""},
+        {"crop and grow on one axis", {4}, k1234, {-1, 2}, "constant", true, 8, {5}, {2, 3, 4, 8, 8}, ""},
         {"pads use their full 64 bits in the loop", {3}, k123, {(int64_t{1} << 32) + 1, 0},
          "constant", true, 5, {4}, {5, 5, 5, 5}, ""},
         {"mode is case-sensitive", {3}, k123, {1, 1}, "REFLECT", false, 0, {5}, {0, 1, 2, 3, 0},
@@ -131,27 +121,22 @@ TEST(Pad, IntegerElements) {
 }
 
 TEST(Pad, InfershapeRefusals) {
-    struct Case {
+    const struct {
         const char *name;
         uint32_t inputs, outputs;
         bool null_pads;
         uint64_t pads_len;
         uint32_t status;
         std::string err;
-    };
-    const std::vector<Case> cases = {
-        {"one input", 1, 1, false, 16, NPU_ERR_INVALID_ARG,
-         kPre + "Pad only support 2 or 3 inputs \n"},
-        {"four inputs", 4, 1, false, 16, NPU_ERR_INVALID_ARG,
-         kPre + "Pad only support 2 or 3 inputs \n"},
-        {"two outputs", 2, 2, false, 16, NPU_ERR_INVALID_ARG,
-         kPre + "Pad only support 1 outputs \n"},
+    } cases[] = {
+        {"one input", 1, 1, false, 16, NPU_ERR_INVALID_ARG, kPre + "Pad only support 2 or 3 inputs \n"},
+        {"four inputs", 4, 1, false, 16, NPU_ERR_INVALID_ARG, kPre + "Pad only support 2 or 3 inputs \n"},
+        {"two outputs", 2, 2, false, 16, NPU_ERR_INVALID_ARG, kPre + "Pad only support 1 outputs \n"},
         {"null pads", 2, 1, true, 16, NPU_ERR_INPUT, ""},
-        {"pads for another rank", 2, 1, false, 32, NPU_ERR_INVALID_ARG,
-         kPre + "input 1 pads format error \n"},
+        {"pads for another rank", 2, 1, false, 32, NPU_ERR_INVALID_ARG, kPre + "input 1 pads format error \n"},
         {"pads length rounds down to whole values", 2, 1, false, 23, NPU_OK, ""},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<float> data = {1, 2, 3};
         std::vector<int64_t> pads = {1, 1, 0, 0};
@@ -168,12 +153,11 @@ TEST(Pad, InfershapeRefusals) {
 }
 
 TEST(Pad, CheckSupported) {
-    struct Case {
+    const struct {
         uint32_t data_type, pads_type, constant_type;  // constant_type 99: two inputs
         uint32_t supported;
         std::string err;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {NPU_DTYPE_FLOAT32, NPU_DTYPE_INT64, 99, 1, ""},
         {NPU_DTYPE_INT8, NPU_DTYPE_INT64, NPU_DTYPE_INT8, 1, ""},
         {NPU_DTYPE_UINT8, NPU_DTYPE_INT64, 99, 1, ""},
@@ -183,7 +167,7 @@ TEST(Pad, CheckSupported) {
         {NPU_DTYPE_FLOAT32, NPU_DTYPE_INT64, NPU_DTYPE_INT32, 0,
          kPre + "pad input 0 and input 2 are inconsistent in data tpye \n"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         std::vector<float> buf(4);
         Ctx ctx(c.constant_type == 99 ? 2 : 3, 1);
         ctx.input(0, shape_of({1}), buf.data(), 4, c.data_type);
@@ -199,35 +183,27 @@ TEST(Pad, CheckSupported) {
 // Calls the element loop cannot serve are refused with 0xa0808003 before
 // anything is written; a short output buffer is filled as far as it goes.
 TEST(Pad, ComputeGuards) {
-    struct Case {
+    const float s = kSentinel;
+    const uint32_t F = NPU_DTYPE_FLOAT32;
+    const struct {
         const char *name;
-        uint32_t dtype;
-        uint32_t in_dim;
+        uint32_t dtype, in_dim;
         std::vector<int64_t> pads;
         const char *mode;
         bool null_input, null_output, null_constant_buf;
         uint64_t out_len;  // bytes; 0: as inferred
         uint32_t status;
         std::vector<float> out;
+    } cases[] = {
+        {"unsupported data type", NPU_DTYPE_INT64, 2, {1, 0}, "constant", 0, 0, 0, 0, NPU_ERR_UNSUPPORTED, {s, s, s}},
+        {"edge of an empty axis", F, 0, {1, 0}, "edge", 0, 0, 0, 0, NPU_ERR_INVALID_ARG, {s}},
+        {"constant of an empty axis reads nothing", F, 0, {1, 1}, "constant", 1, 0, 0, 0, NPU_OK, {1, 1}},
+        {"null input", F, 2, {1, 0}, "constant", 1, 0, 0, 0, NPU_ERR_INVALID_ARG, {s, s, s}},
+        {"null output", F, 2, {1, 0}, "constant", 0, 1, 0, 0, NPU_ERR_INVALID_ARG, {s, s, s}},
+        {"null constant buffer reads as zero", F, 2, {1, 0}, "constant", 0, 0, 1, 0, NPU_OK, {0, 1, 2}},
+        {"short output", F, 2, {1, 1}, "constant", 0, 0, 0, 8, NPU_OK, {1, 1, s, s}},
     };
-    const float s = kSentinel;
-    const std::vector<Case> cases = {
-        {"unsupported data type", NPU_DTYPE_INT64, 2, {1, 0}, "constant", false, false, false, 0,
-         NPU_ERR_UNSUPPORTED, {s, s, s}},
-        {"edge of an empty axis", NPU_DTYPE_FLOAT32, 0, {1, 0}, "edge", false, false, false, 0,
-         NPU_ERR_INVALID_ARG, {s}},
-        {"constant of an empty axis reads nothing", NPU_DTYPE_FLOAT32, 0, {1, 1}, "constant", true,
-         false, false, 0, NPU_OK, {1, 1}},
-        {"null input", NPU_DTYPE_FLOAT32, 2, {1, 0}, "constant", true, false, false, 0,
-         NPU_ERR_INVALID_ARG, {s, s, s}},
-        {"null output", NPU_DTYPE_FLOAT32, 2, {1, 0}, "constant", false, true, false, 0,
-         NPU_ERR_INVALID_ARG, {s, s, s}},
-        {"null constant buffer reads as zero", NPU_DTYPE_FLOAT32, 2, {1, 0}, "constant", false,
-         false, true, 0, NPU_OK, {0, 1, 2}},
-        {"short output", NPU_DTYPE_FLOAT32, 2, {1, 1}, "constant", false, false, false, 8, NPU_OK,
-         {1, 1, s, s}},
-    };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<float> data = {1, 2};
         std::vector<int64_t> pads = c.pads;

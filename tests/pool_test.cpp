@@ -82,73 +82,59 @@ uint32_t compute(const Op &op, Ctx &ctx) {
 }
 
 TEST(Pool, Infershape) {
-    struct Case {
+    const Attr notset = text("auto_pad", "NOTSET");
+    const std::string pad_fail = "Process auto_pad fail \n";
+    const struct {
         const char *what;
         const Op *op;
         std::vector<uint32_t> dims;
         uint32_t format;
         std::vector<Attr> attrs;
-        uint32_t outputs;
-        uint32_t status;
+        uint32_t outputs, status;
         std::string err;  // masked stderr
         std::vector<uint32_t> out_dims;
-    };
-    const Attr notset = text("auto_pad", "NOTSET");
-    const std::string pad_fail = "Process auto_pad fail \n";
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"absent auto_pad", &kAvg, {1, 1, 4, 4}, 0, {ints("kernel_shape", {2, 2})}, 1, NPU_FAIL,
-         line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("averagepool_ops_impl", pad_fail),
-         {}},
+         line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("averagepool_ops_impl", pad_fail), {}},
         {"absent auto_pad", &kMax, {1, 1, 4, 4}, 0, {}, 1, NPU_FAIL,
          line("matrix_ops", "INVALID auto_pad_ mode  \n") + line("maxpool_ops_impl", pad_fail), {}},
         {"VALID leaving data over", &kMax, {1, 1, 5, 5}, 0,
-         {text("auto_pad", "VALID"), ints("kernel_shape", {2, 2}), ints("strides", {2, 2})}, 1,
-         NPU_FAIL,
-         line("matrix_ops", "Not support drop right data when auto_pad is VALID \n") +
-             line("maxpool_ops_impl", pad_fail),
+         {text("auto_pad", "VALID"), ints("kernel_shape", {2, 2}), ints("strides", {2, 2})}, 1, NPU_FAIL,
+         line("matrix_ops", "Not support drop right data when auto_pad is VALID \n") + line("maxpool_ops_impl", pad_fail),
          {}},
         // Padded 7 x 6, kernel 3 x 2, strides 2 x 1, truncated: 3 x 5.
         {"NOTSET with pads", &kAvg, {2, 3, 5, 5}, 0,
-         {notset, ints("kernel_shape", {3, 2}), ints("strides", {2, 1}),
-          ints("pads", {1, 0, 1, 1})},
-         1, NPU_OK, "", {2, 3, 3, 5}},
+         {notset, ints("kernel_shape", {3, 2}), ints("strides", {2, 1}), ints("pads", {1, 0, 1, 1})}, 1, NPU_OK, "",
+         {2, 3, 3, 5}},
         // Five pads listed: only the first four are read.
         {"SAME_UPPER ignores the pads", &kMax, {1, 2, 5, 7}, 0,
          {text("auto_pad", "SAME_UPPER"), ints("kernel_shape", {3, 3}), ints("strides", {2, 2}),
-          ints("pads", {9, 9, 9, 9, 9})},
-         1, NPU_OK, "", {1, 2, 3, 4}},
+          ints("pads", {9, 9, 9, 9, 9})}, 1, NPU_OK, "", {1, 2, 3, 4}},
         // The shape is written N, C, H, W whatever the format: N 1, H 4, W 5, C 3.
-        {"channels-last input", &kAvg, {1, 4, 5, 3}, NPU_FORMAT_NHWC, {notset}, 1, NPU_OK, "",
-         {1, 3, 4, 5}},
+        {"channels-last input", &kAvg, {1, 4, 5, 3}, NPU_FORMAT_NHWC, {notset}, 1, NPU_OK, "", {1, 3, 4, 5}},
         // 5 x 5, kernel 2, stride 2: ceil gives 3, a full window fits 2 times.
         {"ceil mode overhang", &kAvg, {1, 1, 5, 5}, 0,
-         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 1,
-         NPU_OK,
+         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 1, NPU_OK,
          line("averagepool_ops_impl", "outputW 3 is large than orig_w 2 , pad right. \n") +
-             line("averagepool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"),
-         {1, 1, 3, 3}},
+             line("averagepool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"), {1, 1, 3, 3}},
         {"ceil mode overhang", &kMax, {1, 1, 5, 5}, 0,
-         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 2,
-         NPU_OK,
+         {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 2}), one("ceil_mode", 1)}, 2, NPU_OK,
          line("maxpool_ops_impl", "outputW 3 is large than orig_w 2, pad right. \n") +
-             line("maxpool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"),
-         {1, 1, 3, 3}},
+             line("maxpool_ops_impl", "outputH 3 is large than orig_h 2, pad bottom. \n"), {1, 1, 3, 3}},
         // Strides (2, 1): out 3 x 4. The width check divides by the height
         // stride: orig_w = 3 / 2 + 1 = 2; the height check by the width
         // stride: orig_h = 3 / 1 + 1 = 4, no message.
         {"crossed strides", &kMax, {1, 1, 5, 5}, 0,
          {notset, ints("kernel_shape", {2, 2}), ints("strides", {2, 1}), one("ceil_mode", 1)}, 1,
-         NPU_OK, line("maxpool_ops_impl", "outputW 4 is large than orig_w 2, pad right. \n"),
-         {1, 1, 3, 4}},
+         NPU_OK, line("maxpool_ops_impl", "outputW 4 is large than orig_w 2, pad right. \n"), {1, 1, 3, 4}},
         // Kernel 3 x 2, dilations (2, 1): out 4 x 5. The width extent takes
         // the height dilation: (2 - 1) * 2, orig_w = 4; the height extent
         // the width dilation: (3 - 1) * 1, orig_h = 4, no message.
         {"crossed dilations", &kAvg, {1, 1, 6, 6}, 0,
          {notset, ints("kernel_shape", {3, 2}), ints("dilations", {2, 1}), one("ceil_mode", 1)}, 1,
-         NPU_OK, line("averagepool_ops_impl", "outputW 5 is large than orig_w 4 , pad right. \n"),
-         {1, 1, 4, 5}},
+         NPU_OK, line("averagepool_ops_impl", "outputW 5 is large than orig_w 4 , pad right. \n"), {1, 1, 4, 5}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.what) + " / " + t.op->name);
         Ctx ctx(1, t.outputs, static_cast<uint32_t>(t.attrs.size()));
         std::vector<float> in(4);
@@ -156,9 +142,7 @@ TEST(Pool, Infershape) {
         set_attrs(ctx, t.attrs);
         uint32_t status = 0;
         std::string err;
-        quiet([&] {
-            err = npucpu_test::capture_stderr([&] { status = t.op->infershape(ctx.h); });
-        });
+        quiet([&] { err = npucpu_test::capture_stderr([&] { status = t.op->infershape(ctx.h); }); });
         EXPECT_EQ(status, t.status);
         EXPECT_EQ(mask_error_lines(err), t.err);
         if (t.status != NPU_OK) continue;
@@ -177,14 +161,18 @@ TEST(Pool, Infershape) {
         uint32_t status = 0;
         std::string err;
         quiet([&] { err = npucpu_test::capture_stderr([&] { status = op->infershape(two.h); }); });
-        EXPECT_EQ(mask_error_lines(err),
-                  line(unit_of(*op).c_str(), std::string(op->name) + " only support 1 inputs \n"));
+        EXPECT_EQ(mask_error_lines(err), line(unit_of(*op).c_str(), std::string(op->name) + " only support 1 inputs \n"));
         EXPECT_EQ(status, uint32_t{NPU_ERR_INPUT_NUM});
     }
 }
 
 TEST(Pool, Compute) {
-    struct Case {
+    const Attr notset = text("auto_pad", "NOTSET"), k2 = ints("kernel_shape", {2, 2}), s2 = ints("strides", {2, 2});
+    const Attr pads1 = ints("pads", {1, 1, 1, 1}), counted = one("count_include_pad", 1);
+    const uint32_t kSentinel = 0xdeadbeef;
+    const std::vector<float> ramp16 = npucpu_test::iota(16), in4 = {1, 2, 3, 4};
+    const float N = kZeroByZero;
+    const struct {
         const char *what;
         const Op *op;
         std::vector<uint32_t> dims;
@@ -194,77 +182,58 @@ TEST(Pool, Compute) {
         // with that many elements.
         std::vector<float> want;
         std::vector<uint32_t> positions = {};
-    };
-    const Attr notset = text("auto_pad", "NOTSET");
-    const Attr k2 = ints("kernel_shape", {2, 2});
-    const Attr s2 = ints("strides", {2, 2});
-    const uint32_t kSentinel = 0xdeadbeef;
-    const std::vector<float> ramp16 = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-    const float N = kZeroByZero;
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"2 x 2 means", &kAvg, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {3.5f, 5.5f, 11.5f, 13.5f}},
-        {"2 x 2 maxima", &kMax, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {6, 8, 14, 16},
-         {5, 7, 13, 15}},
+        {"2 x 2 maxima", &kMax, {1, 1, 4, 4}, ramp16, {notset, k2, s2}, {6, 8, 14, 16}, {5, 7, 13, 15}},
         // Infershape's ceil mode gives 3 x 3; compute fits 2 x 2 windows
         // and writes them at the start, the tail keeping its zeros (output
         // 1's tail is not written).
-        {"ceil mode, dense writes", &kAvg, {1, 1, 5, 5},
-         std::vector<float>(25, 2.0f), {notset, k2, s2, one("ceil_mode", 1)},
-         {2, 2, 2, 2, 0, 0, 0, 0, 0}},
+        {"ceil mode, dense writes", &kAvg, {1, 1, 5, 5}, std::vector<float>(25, 2.0f),
+         {notset, k2, s2, one("ceil_mode", 1)}, {2, 2, 2, 2, 0, 0, 0, 0, 0}},
         {"ceil mode, dense writes", &kMax, {1, 1, 5, 5}, std::vector<float>(25, 2.0f),
          {notset, k2, s2, one("ceil_mode", 1)}, {2, 2, 2, 2, 0, 0, 0, 0, 0},
          {0, 2, 10, 12, kSentinel, kSentinel, kSentinel, kSentinel, kSentinel}},
         // Dilations and SAME_UPPER change only the inferred shape: compute
         // pools 1 x 1 windows of the unpadded input (stride 3: 2 x 2).
         {"SAME_UPPER and dilations ignored", &kAvg, {1, 1, 4, 4}, ramp16,
-         {text("auto_pad", "SAME_UPPER"), ints("strides", {3, 3}), ints("dilations", {2, 2})},
-         {1, 4, 13, 16}},
+         {text("auto_pad", "SAME_UPPER"), ints("strides", {3, 3}), ints("dilations", {2, 2})}, {1, 4, 13, 16}},
         // 2 x 2 input padded by 1 all round, kernel 1: the padding windows
         // give 0 / 0 without count_include_pad and +0.0 / 1 with it.
-        {"padding-only windows", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("pads", {1, 1, 1, 1})},
+        {"padding-only windows", &kAvg, {1, 1, 2, 2}, in4, {notset, pads1},
          {N, N, N, N, N, 1, 2, N, N, 3, 4, N, N, N, N, N}},
-        {"padding-only windows counted", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("pads", {1, 1, 1, 1}), one("count_include_pad", 1)},
+        {"padding-only windows counted", &kAvg, {1, 1, 2, 2}, in4, {notset, pads1, counted},
          {0, 0, 0, 0, 0, 1, 2, 0, 0, 3, 4, 0, 0, 0, 0, 0}},
         // Kernel 2, stride 1 over the padded 4 x 4 plane: each corner window
         // holds one data element.
-        {"windows partly in the padding", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, k2, ints("pads", {1, 1, 1, 1})},
+        {"windows partly in the padding", &kAvg, {1, 1, 2, 2}, in4, {notset, k2, pads1},
          {1, 1.5f, 2, 2, 2.5f, 3, 3, 3.5f, 4}},
-        {"windows partly in the padding, counted", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, k2, ints("pads", {1, 1, 1, 1}), one("count_include_pad", 1)},
+        {"windows partly in the padding, counted", &kAvg, {1, 1, 2, 2}, in4, {notset, k2, pads1, counted},
          {0.25f, 0.75f, 0.5f, 1, 2.5f, 1.5f, 0.75f, 1.75f, 1}},
         // Asymmetric pads: top 0, left 1, bottom 2, right 0. Padded 4 x 3.
-        {"asymmetric padding", &kAvg, {1, 1, 2, 2}, {1, 2, 3, 4},
-         {notset, ints("kernel_shape", {2, 1}), ints("pads", {0, 1, 2, 0})},
-         {N, 2, 3, N, 3, 4, N, N, N}},
+        {"asymmetric padding", &kAvg, {1, 1, 2, 2}, in4,
+         {notset, ints("kernel_shape", {2, 1}), ints("pads", {0, 1, 2, 0})}, {N, 2, 3, N, 3, 4, N, N, N}},
         // An empty kernel: windows at 0 .. Hp and 0 .. Wp, none holding an
         // element.
-        {"empty kernel", &kAvg, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})},
-         {N, N, N, N}},
+        {"empty kernel", &kAvg, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})}, {N, N, N, N}},
         {"empty kernel", &kMax, {1, 1, 1, 1}, {5}, {notset, ints("kernel_shape", {0, 0})},
          {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
         // Values at or below the start value never replace it; neither do the
         // padding's +0.0, so windows touching the padding give it too.
         {"all-negative windows", &kMax, {1, 1, 2, 3}, {-1, -5, -3, -4, -0.0f, 1e-39f},
-         {notset, k2, ints("strides", {1, 1}), ints("pads", {1, 0, 0, 0})},
-         {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
+         {notset, k2, ints("strides", {1, 1}), ints("pads", {1, 0, 0, 0})}, {kMin, kMin, kMin, kMin}, {0, 0, 0, 0}},
         // Positions index the padded tensor (top 1, left 1: planes of 4 x 4,
         // channel 1 from 16). Channel 1: the first of equal maxima wins and
         // NaN never does.
         {"positions in the padded tensor", &kMax, {1, 2, 3, 3},
          {1, 2, 3, 4, 9, 6, 7, 8, 5, 5, 5, kNaN, 5, 1, 1, -1, -1, -1},
-         {notset, k2, s2, ints("pads", {1, 1, 0, 0})}, {1, 3, 7, 9, 5, 5, 5, 1},
-         {5, 7, 13, 10, 21, 22, 25, 26}},
+         {notset, k2, s2, ints("pads", {1, 1, 0, 0})}, {1, 3, 7, 9, 5, 5, 5, 1}, {5, 7, 13, 10, 21, 22, 25, 26}},
         // Batches: plane bases include the batch offset C x Hp x Wp.
-        {"batches", &kMax, {2, 1, 2, 2}, {1, 4, 3, 2, 8, 5, 6, 7},
-         {notset, k2}, {4, 8}, {1, 4}},
+        {"batches", &kMax, {2, 1, 2, 2}, {1, 4, 3, 2, 8, 5, 6, 7}, {notset, k2}, {4, 8}, {1, 4}},
         // Rows outer, columns inner: 1e8 - 1e8 + 1 + 1 = 2; columns first
         // would lose a 1 to rounding (1e8 + 1 == 1e8).
         {"summation order", &kAvg, {1, 1, 2, 2}, {1e8f, -1e8f, 1, 1}, {notset, k2}, {0.5f}},
     };
-    for (const Case &t : cases) {
+    for (const auto &t : cases) {
         SCOPED_TRACE(std::string(t.what) + " / " + t.op->name);
         const uint32_t outputs = t.positions.empty() ? 1 : 2;
         Ctx ctx(1, outputs, static_cast<uint32_t>(t.attrs.size()));
@@ -277,13 +246,10 @@ TEST(Pool, Compute) {
         std::vector<float> &out = ctx.alloc_output(0, 42.0f);
         ASSERT_EQ(out.size(), t.want.size());
         std::vector<uint32_t> pos(t.positions.size(), kSentinel);
-        if (!pos.empty()) {
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * pos.size());
-        }
+        if (!pos.empty()) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * pos.size());
         status = 1;
         std::string err;
-        npucpu_test::capture_stdout(
-            [&] { err = npucpu_test::capture_stderr([&] { status = t.op->compute(ctx.h); }); });
+        quiet([&] { err = npucpu_test::capture_stderr([&] { status = t.op->compute(ctx.h); }); });
         EXPECT_EQ(status, 0u);
         EXPECT_EQ(err, "");
         EXPECT_EQ(bits(out), bits(t.want));
@@ -293,101 +259,66 @@ TEST(Pool, Compute) {
 
 TEST(Pool, ComputeGuards) {
     const float N = kZeroByZero;
-    for (const Op *op : {&kAvg, &kMax}) {
-        SCOPED_TRACE(op->name);
-        const bool avg = op == &kAvg;
-        std::vector<float> in = {1, 2, 3, 4};
-
-        // Missing buffers.
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), nullptr, 16);
-            std::vector<float> out(4);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-        }
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-        }
-        {
-            // Output 1 declared without a buffer: maxpool refuses, the
-            // average never reads it.
-            Ctx ctx(1, 2);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            std::vector<float> out(4, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), avg ? 0u : uint32_t{NPU_ERR_INVALID_ARG});
-            // maxpool zero-fills output 0 before it looks at output 1.
-            EXPECT_EQ(out, avg ? (std::vector<float>{1, 2, 3, 4}) : std::vector<float>(4, 0.0f));
-        }
-
+    const std::vector<uint32_t> sevens(3, 7);
+    const std::vector<float> none;  // output not checked
+    const std::vector<float> zeros4(4, 0.0f), in4 = {1, 2, 3, 4};
+    const struct {
+        const char *what;
+        std::vector<uint32_t> dims;
+        std::vector<float> in;        // empty: no input buffer
+        std::vector<Attr> attrs;
+        uint32_t outputs;             // 0: one for the average, two for the maximum
+        size_t out_floats, out_room;  // buffer of out_floats (42.0), out_room of them attached
+        size_t pos_room;              // positions attached (when output 1 is declared)
+        uint32_t avg_status, max_status;
+        std::vector<float> avg_out, max_out;
+        std::vector<uint32_t> max_pos = {};  // empty: untouched
+    } cases[] = {
+        {"no input buffer", {1, 1, 2, 2}, {}, {}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG, NPU_ERR_INVALID_ARG, none, none},
+        {"no output buffer", {1, 1, 2, 2}, in4, {}, 1, 4, 0, 0, NPU_ERR_INVALID_ARG, NPU_ERR_INVALID_ARG, none, none},
+        // Output 1 declared without a buffer: maxpool refuses (after zero-filling
+        // output 0), the average never reads it.
+        {"output 1 without a buffer", {1, 1, 2, 2}, in4, {}, 2, 4, 4, 0, 0, NPU_ERR_INVALID_ARG, in4, zeros4},
         // Batch 0: the output is zeroed and nothing else happens.
-        {
-            Ctx ctx(1, 1);
-            ctx.input(0, shape_of({0, 1, 2, 2}), in);
-            std::vector<float> out(3, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            EXPECT_EQ(out, std::vector<float>(3, 0.0f));
-        }
-
+        {"batch 0", {0, 1, 2, 2}, in4, {}, 1, 3, 3, 0, 0, 0, {0, 0, 0}, {0, 0, 0}},
         // A zero stride is refused after the zero fill.
-        for (const std::vector<int64_t> &strides :
-             {std::vector<int64_t>{0, 1}, std::vector<int64_t>{1, 0}}) {
-            Ctx ctx(1, 1, 1);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            ctx.attr_ints(0, "strides", strides);
-            std::vector<float> out(4, 42.0f);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 16);
-            EXPECT_EQ(compute(*op, ctx), uint32_t{NPU_ERR_INVALID_ARG});
-            EXPECT_EQ(out, std::vector<float>(4, 0.0f));
-        }
-
-        // The walk stops when output 0 (or output 1) is full: 4 windows,
-        // room for 3 values and 2 positions.
-        {
-            Ctx ctx(1, avg ? 1 : 2);
-            ctx.input(0, shape_of({1, 1, 2, 2}), in);
-            std::vector<float> out(4, 42.0f);
-            std::vector<uint32_t> pos(3, 7);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            if (!avg) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 8);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            const std::vector<float> want_out = {1, 2, avg ? 3.0f : 0.0f, 42};
-            const std::vector<uint32_t> want_pos = {avg ? 7u : 0u, avg ? 7u : 1u, 7};
-            EXPECT_EQ(out, want_out);
-            EXPECT_EQ(pos, want_pos);
-        }
-
-        // A kernel larger than the padded 1 x 2 plane wraps the window
-        // bound; elements past the end of the padded tensor take no part, and
-        // the output length (3) ends the walk.
-        struct Oversized {
-            std::vector<int64_t> kernel;
-            std::vector<float> mean, max;
-            std::vector<uint32_t> positions;
-        };
-        const std::vector<Oversized> oversized = {
-            // Windows (0, 0), (0, 1), then (1, 0) holding nothing.
-            {{2, 1}, {1, 2, N}, {1, 2, kMin}, {0, 1, 0}},
-            // Windows (0, 0) holding 1 and 2, (0, 1) holding 2, (0, 2) nothing.
-            {{1, 3}, {1.5f, 2, N}, {2, 2, kMin}, {1, 1, 0}},
-        };
-        for (const Oversized &t : oversized) {
-            Ctx ctx(1, avg ? 1 : 2, 2);
-            std::vector<float> row = {1, 2};
-            ctx.input(0, shape_of({1, 1, 1, 2}), row);
-            ctx.attr_ints(0, "kernel_shape", t.kernel);
-            ctx.attr_int(1, "count_include_pad", 1);
-            std::vector<float> out(3, 42.0f);
-            std::vector<uint32_t> pos(3, 7);
-            qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 12);
-            if (!avg) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 12);
-            EXPECT_EQ(compute(*op, ctx), 0u);
-            EXPECT_EQ(bits(out), bits(avg ? t.mean : t.max));
-            EXPECT_EQ(pos, avg ? std::vector<uint32_t>(3, 7) : t.positions);
+        {"zero height stride", {1, 1, 2, 2}, in4, {ints("strides", {0, 1})}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG,
+         NPU_ERR_INVALID_ARG, zeros4, zeros4},
+        {"zero width stride", {1, 1, 2, 2}, in4, {ints("strides", {1, 0})}, 1, 4, 4, 0, NPU_ERR_INVALID_ARG,
+         NPU_ERR_INVALID_ARG, zeros4, zeros4},
+        // The walk stops when output 0 (or output 1) is full: 4 windows, room
+        // for 3 values and 2 positions.
+        {"full outputs end the walk", {1, 1, 2, 2}, in4, {}, 0, 4, 3, 2, 0, 0, {1, 2, 3, 42}, {1, 2, 0, 42},
+         {0, 1, 7}},
+        // A kernel larger than the padded 1 x 2 plane wraps the window bound;
+        // elements past the end of the padded tensor take no part, and the
+        // output length (3) ends the walk. Windows (0, 0), (0, 1), then (1, 0)
+        // holding nothing.
+        {"oversized kernel rows", {1, 1, 1, 2}, {1, 2}, {ints("kernel_shape", {2, 1}), one("count_include_pad", 1)},
+         0, 3, 3, 3, 0, 0, {1, 2, N}, {1, 2, kMin}, {0, 1, 0}},
+        // Windows (0, 0) holding 1 and 2, (0, 1) holding 2, (0, 2) nothing.
+        {"oversized kernel columns", {1, 1, 1, 2}, {1, 2},
+         {ints("kernel_shape", {1, 3}), one("count_include_pad", 1)}, 0, 3, 3, 3, 0, 0, {1.5f, 2, N}, {2, 2, kMin},
+         {1, 1, 0}},
+    };
+    for (const auto &t : cases) {
+        for (const Op *op : {&kAvg, &kMax}) {
+            SCOPED_TRACE(std::string(t.what) + " / " + op->name);
+            const bool avg = op == &kAvg;
+            const uint32_t outputs = t.outputs != 0 ? t.outputs : (avg ? 1 : 2);
+            Ctx ctx(1, outputs, static_cast<uint32_t>(t.attrs.size()));
+            std::vector<float> in = t.in, out(t.out_floats, 42.0f);
+            std::vector<uint32_t> pos = sevens;
+            ctx.input(0, shape_of(t.dims), in.empty() ? nullptr : in.data(), in.empty() ? 16 : 4 * in.size());
+            set_attrs(ctx, t.attrs);
+            if (t.out_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), 4 * t.out_room);
+            if (outputs == 2 && t.pos_room) qv_kel_custom_set_output_buf_by_index(ctx.h, 1, pos.data(), 4 * t.pos_room);
+            EXPECT_EQ(compute(*op, ctx), avg ? t.avg_status : t.max_status);
+            const std::vector<float> &want = avg ? t.avg_out : t.max_out;
+            if (!want.empty()) {
+                EXPECT_EQ(bits(out), bits(want));
+            }
+            EXPECT_EQ(pos, avg || t.max_pos.empty() ? sevens : t.max_pos);
         }
     }
 }

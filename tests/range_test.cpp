@@ -42,17 +42,15 @@ std::vector<int32_t> bits_of(const std::vector<float> &v) {
 }
 
 TEST(Range, FloatSequences) {
-    struct Case {
+    const struct {
         const char *name;
         float start, limit, delta;
         size_t out_elems;
         uint32_t status;
         std::vector<float> written;  // the rest keeps the sentinel
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"running sum of 0.3", 0.0f, 1.0f, 0.3f, 6, NPU_OK, {0.0f, 0.3f, 0.6f, 0.90000004f}},
-        {"running sum of 0.1 drifts from i * 0.1",
-         0.0f, 1.0f, 0.1f, 12, NPU_OK,
+        {"running sum of 0.1 drifts from i * 0.1", 0.0f, 1.0f, 0.1f, 12, NPU_OK,
          {0x0p+0f, 0x1.99999ap-4f, 0x1.99999ap-3f, 0x1.333334p-2f, 0x1.99999ap-2f, 0x1p-1f,
           0x1.333334p-1f, 0x1.666668p-1f, 0x1.99999cp-1f, 0x1.ccccd0p-1f}},
         {"negative delta", 5.0f, 1.0f, -2.0f, 4, NPU_OK, {5.0f, 3.0f}},
@@ -60,12 +58,11 @@ TEST(Range, FloatSequences) {
         {"wrong direction writes nothing", 1.0f, 0.0f, 1.0f, 2, NPU_OK, {}},
         {"NaN count writes nothing", 0.0f, NAN, 1.0f, 2, NPU_OK, {}},
         {"writes stop at the output buffer", 0.0f, 100.0f, 1.0f, 3, NPU_OK, {0.0f, 1.0f, 2.0f}},
-        {"unbounded count stops at the output buffer", 0.0f, INFINITY, 2.0f, 2, NPU_OK,
-         {0.0f, 2.0f}},
+        {"unbounded count stops at the output buffer", 0.0f, INFINITY, 2.0f, 2, NPU_OK, {0.0f, 2.0f}},
         {"delta 0 is refused", 0.0f, 1.0f, 0.0f, 2, NPU_ERR_INVALID_ARG, {}},
         {"delta -0 is refused", 0.0f, 1.0f, -0.0f, 2, NPU_ERR_INVALID_ARG, {}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<int32_t> out(c.out_elems, kSentinelBits);
         EXPECT_EQ(run_range<float>(NPU_DTYPE_FLOAT32, c.start, c.limit, c.delta, &out), c.status);
@@ -76,22 +73,21 @@ TEST(Range, FloatSequences) {
 }
 
 TEST(Range, IntegerSequences) {
-    struct Case {
+    const int32_t big = 16777216;  // 2^24: adding 1 in float no longer changes it
+    const struct {
         const char *name;
         int32_t start, limit, delta;
         size_t out_elems;
         uint32_t status;
         std::vector<int32_t> written;
-    };
-    const int32_t big = 16777216;  // 2^24: adding 1 in float no longer changes it
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"step 3", 0, 10, 3, 5, NPU_OK, {0, 3, 6, 9}},
         {"negative step", 10, 0, -3, 5, NPU_OK, {10, 7, 4, 1}},
         {"float accumulation stalls at 2^24", big, big + 4, 1, 5, NPU_OK, {big, big, big, big}},
         {"wrapping span, saturating value", INT32_MAX, INT32_MIN, 1, 2, NPU_OK, {INT32_MAX}},
         {"delta 0 is refused", 0, 10, 0, 2, NPU_ERR_INVALID_ARG, {}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         std::vector<int32_t> out(c.out_elems, kSentinelBits);
         EXPECT_EQ(run_range<int32_t>(NPU_DTYPE_INT32, c.start, c.limit, c.delta, &out), c.status);
@@ -102,7 +98,8 @@ TEST(Range, IntegerSequences) {
 }
 
 TEST(Range, Infershape) {
-    struct Case {
+    const std::string msg = "[E] [custom] [range_ops_impl:L] range only support 1 inputs \n";
+    const struct {
         const char *name;
         uint32_t inputs;
         std::vector<uint32_t> start_dims;
@@ -110,16 +107,13 @@ TEST(Range, Infershape) {
         uint32_t status;
         std::string err;
         std::vector<uint32_t> out_dims;
-    };
-    const std::string msg = "[E] [custom] [range_ops_impl:L] range only support 1 inputs \n";
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"scalar of rank 1", 3, {1}, NPU_DTYPE_FLOAT32, NPU_OK, "", {kCapacity}},
-        {"rank 2: dims after the first are 0", 3, {1, 1}, NPU_DTYPE_INT32, NPU_OK, "",
-         {kCapacity, 0}},
+        {"rank 2: dims after the first are 0", 3, {1, 1}, NPU_DTYPE_INT32, NPU_OK, "", {kCapacity, 0}},
         {"one input", 1, {1}, NPU_DTYPE_FLOAT32, NPU_ERR_INPUT_NUM, msg, {}},
         {"two inputs", 2, {1}, NPU_DTYPE_FLOAT32, NPU_ERR_INPUT_NUM, msg, {}},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         float v = 0.0f;
         Ctx ctx(c.inputs, 1);
@@ -144,13 +138,12 @@ TEST(Range, Infershape) {
 
 // Calls compute cannot serve: 0xa0808003, nothing written.
 TEST(Range, ComputeRefusals) {
-    struct Case {
+    const struct {
         const char *name;
         uint32_t dtype;
         int null_index;  // -1 none, 0..2 an input, 3 the output
         uint64_t limit_len;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {"64-bit data type", NPU_DTYPE_INT64, -1, 4},
         {"null start", NPU_DTYPE_FLOAT32, 0, 4},
         {"null limit", NPU_DTYPE_FLOAT32, 1, 4},
@@ -158,7 +151,7 @@ TEST(Range, ComputeRefusals) {
         {"null output", NPU_DTYPE_FLOAT32, 3, 4},
         {"limit buffer shorter than one element", NPU_DTYPE_FLOAT32, -1, 3},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         float values[3] = {0.0f, 4.0f, 1.0f};
         std::vector<int32_t> out(8, kSentinelBits);

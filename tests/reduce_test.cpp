@@ -103,8 +103,7 @@ TEST(Reduce, Compute) {
     const std::vector<ComputeCase> cases = {
         {&kMax, {2, 3, 4}, x, std::nullopt, {7}},
         {&kMin, {2, 3, 4}, x, std::nullopt, {-3}},
-        {&kMean, {2, 3, 4}, x, A{1}, {-2.0f / 3, 8.0f / 3, 7.0f / 3, 2, 8.0f / 3, 7.0f / 3, 2,
-                                      5.0f / 3}},
+        {&kMean, {2, 3, 4}, x, A{1}, {-2.0f / 3, 8.0f / 3, 7.0f / 3, 2, 8.0f / 3, 7.0f / 3, 2, 5.0f / 3}},
         {&kMax, {2, 3}, m, A{1}, {3, 6}},
         {&kMin, {2, 3}, m, A{-2}, {1, 2, 3}},
         // Several axes: only reducemax shrinks its working shape.

@@ -45,8 +45,7 @@ TEST(Softmax, Table) {
         {{1, 2, 2}, {-1, -2, 7, 7}, -1, {e1, e2, h, h}},
         {{2}, {-1000, -1000}, 0, {nan, nan}},  // nothing subtracted: 0 / 0
         {{2}, {1000, 1000}, 0, {h, h}},
-        {{4}, {0.5f, -0.25f, 3.75f, 1}, 0, {f(0x3d0dac91), f(0x3c85d81e), f(0x3f645d2a),
-                                            f(0x3d6994c1)}},
+        {{4}, {0.5f, -0.25f, 3.75f, 1}, 0, {f(0x3d0dac91), f(0x3c85d81e), f(0x3f645d2a), f(0x3d6994c1)}},
         // Short buffers: the second slice is cut to one element, and only
         // three outputs are written.
         {{2, 2}, {1, 1, 3, 4}, 1, {h, h, 1, kS}, 3, 3},

@@ -14,6 +14,7 @@
 namespace {
 
 using npucpu_test::capture_stderr;
+using npucpu_test::count_of;
 using npucpu_test::mask_error_lines;
 using npucpu_test::shape_of;
 
@@ -28,36 +29,25 @@ Tensor view(const std::vector<uint32_t> &dims, void *data, uint32_t dtype = NPU_
     return t;
 }
 
-size_t count_of(const std::vector<uint32_t> &dims) {
-    const TensorShape s = shape_of(dims);
-    return GetElemSize(&s);
-}
-
-std::vector<float> iota(size_t n) {
-    std::vector<float> v(n);
-    for (size_t i = 0; i < n; ++i) v[i] = static_cast<float>(i);
-    return v;
-}
+// 0, 1, 2, ...
+std::vector<float> iota(size_t n) { return npucpu_test::iota(n, 0.0f); }
 
 // ---- Transpose -------------------------------------------------------------
 
-struct TransposeCase {
-    const char *name;
-    std::vector<uint32_t> in_dims;
-    std::vector<uint32_t> perm;
-    std::vector<uint32_t> out_dims;
-    uint32_t status;
-    std::vector<float> expected;  // empty: output untouched
-};
-
 TEST(Transpose, Table) {
-    const std::vector<TransposeCase> cases = {
+    const struct {
+        const char *name;
+        std::vector<uint32_t> in_dims;
+        std::vector<uint32_t> perm;
+        std::vector<uint32_t> out_dims;
+        uint32_t status;
+        std::vector<float> expected;  // empty: output untouched
+    } cases[] = {
         {"identity copies", {2, 3}, {0, 1}, {2, 3}, NPU_OK, {0, 1, 2, 3, 4, 5}},
         {"matrix", {2, 3}, {1, 0}, {3, 2}, NPU_OK, {0, 3, 1, 4, 2, 5}},
         {"last two axes", {1, 1, 2, 3}, {0, 1, 3, 2}, {1, 1, 3, 2}, NPU_OK, {0, 3, 1, 4, 2, 5}},
         // out(c0, c1, c2) = in[c1][c2][c0] with in dims [2, 3, 2].
-        {"rotation", {2, 3, 2}, {2, 0, 1}, {2, 2, 3}, NPU_OK,
-         {0, 2, 4, 6, 8, 10, 1, 3, 5, 7, 9, 11}},
+        {"rotation", {2, 3, 2}, {2, 0, 1}, {2, 2, 3}, NPU_OK, {0, 2, 4, 6, 8, 10, 1, 3, 5, 7, 9, 11}},
         {"rank 1", {4}, {0}, {4}, NPU_OK, {0, 1, 2, 3}},
         {"repeated axis", {2, 2}, {0, 0}, {2, 2}, NPU_ERR_INVALID_ARG, {}},
         {"axis past rank", {2, 3}, {2, 0}, {3, 2}, NPU_ERR_INVALID_ARG, {}},
@@ -66,23 +56,16 @@ TEST(Transpose, Table) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<float> in = iota(count_of(c.in_dims));
-        std::vector<float> out(in.size(), kSentinel);
-        Tensor ti = view(c.in_dims, in.data());
-        Tensor to = view(c.out_dims, out.data());
+        std::vector<float> in = iota(count_of(c.in_dims)), out(in.size(), kSentinel);
+        Tensor ti = view(c.in_dims, in.data()), to = view(c.out_dims, out.data());
         EXPECT_EQ(Transpose(&ti, c.perm.data(), &to), c.status);
-        if (c.expected.empty()) {
-            EXPECT_EQ(out, std::vector<float>(in.size(), kSentinel));
-        } else {
-            EXPECT_EQ(out, c.expected);
-        }
+        EXPECT_EQ(out, c.expected.empty() ? std::vector<float>(in.size(), kSentinel) : c.expected);
     }
 }
 
 TEST(Transpose, NullPointersNameAllThree) {
     std::vector<float> in = iota(6), out(6, kSentinel);
-    Tensor ti = view({2, 3}, in.data());
-    Tensor to = view({3, 2}, out.data());
+    Tensor ti = view({2, 3}, in.data()), to = view({3, 2}, out.data());
     const uint32_t perm[2] = {1, 0};
     struct Case {
         const Tensor *in;
@@ -92,13 +75,10 @@ TEST(Transpose, NullPointersNameAllThree) {
     for (const Case &c : {Case{&ti, nullptr, &to}, Case{nullptr, perm, &to}, Case{&ti, perm, nullptr}}) {
         char text[256];
         std::snprintf(text, sizeof text,
-                      "[E] [custom] [tensor_ops:L] invalid param! input_tensor:%p, perm:%p, "
-                      "output_tensor:%p \n",
-                      static_cast<const void *>(c.in), static_cast<const void *>(c.perm),
-                      static_cast<const void *>(c.out));
+                      "[E] [custom] [tensor_ops:L] invalid param! input_tensor:%p, perm:%p, output_tensor:%p \n",
+                      static_cast<const void *>(c.in), static_cast<const void *>(c.perm), static_cast<const void *>(c.out));
         uint32_t status = 0;
-        const std::string err =
-            capture_stderr([&] { status = Transpose(c.in, c.perm, c.out); });
+        const std::string err = capture_stderr([&] { status = Transpose(c.in, c.perm, c.out); });
         EXPECT_EQ(status, NPU_ERR_INVALID_ARG);
         EXPECT_EQ(mask_error_lines(err), text);
     }
@@ -107,18 +87,16 @@ TEST(Transpose, NullPointersNameAllThree) {
 
 // ---- gather ----------------------------------------------------------------
 
-struct GatherCase {
-    const char *name;
-    std::vector<uint32_t> data_dims;
-    std::vector<uint32_t> index_dims;
-    std::vector<int64_t> indices;
-    int64_t axis;
-    uint32_t status;
-    std::vector<float> expected;  // empty: output untouched
-};
-
 TEST(Gather, Table) {
-    const std::vector<GatherCase> cases = {
+    const struct {
+        const char *name;
+        std::vector<uint32_t> data_dims;
+        std::vector<uint32_t> index_dims;
+        std::vector<int64_t> indices;
+        int64_t axis;
+        uint32_t status;
+        std::vector<float> expected;  // empty: output untouched
+    } cases[] = {
         // data [[0, 1], [2, 3]]
         {"negative index, axis 0", {2, 2}, {2}, {-1, 0}, 0, NPU_OK, {2, 3, 0, 1}},
         // data [[0, 1, 2], [3, 4, 5]]
@@ -136,12 +114,10 @@ TEST(Gather, Table) {
             std::vector<float> data = iota(count_of(c.data_dims));
             std::vector<int32_t> idx32(c.indices.begin(), c.indices.end());
             std::vector<int64_t> idx64 = c.indices;
-            void *idx = dtype == NPU_DTYPE_INT32 ? static_cast<void *>(idx32.data())
-                                                 : static_cast<void *>(idx64.data());
+            void *idx = dtype == NPU_DTYPE_INT32 ? static_cast<void *>(idx32.data()) : static_cast<void *>(idx64.data());
             const size_t out_n = c.expected.empty() ? 4 : c.expected.size();
             std::vector<float> out(out_n, kSentinel);
-            Tensor td = view(c.data_dims, data.data());
-            Tensor ti = view(c.index_dims, idx, dtype);
+            Tensor td = view(c.data_dims, data.data()), ti = view(c.index_dims, idx, dtype);
             Tensor to = view({static_cast<uint32_t>(out_n)}, out.data());
             EXPECT_EQ(gather(&td, &ti, c.axis, &to), c.status);
             EXPECT_EQ(out, c.expected.empty() ? std::vector<float>(out_n, kSentinel) : c.expected);
@@ -150,29 +126,24 @@ TEST(Gather, Table) {
 }
 
 TEST(Gather, OtherIndexTypesAreReadAs64Bit) {
-    std::vector<float> data = {10, 20, 30};
+    std::vector<float> data = {10, 20, 30}, out(2, kSentinel);
     std::vector<int64_t> idx = {2, -3};
-    std::vector<float> out(2, kSentinel);
-    Tensor td = view({3}, data.data());
-    Tensor ti = view({2}, idx.data(), NPU_DTYPE_UINT8);
-    Tensor to = view({2}, out.data());
+    Tensor td = view({3}, data.data()), ti = view({2}, idx.data(), NPU_DTYPE_UINT8), to = view({2}, out.data());
     EXPECT_EQ(gather(&td, &ti, 0, &to), NPU_OK);
     EXPECT_EQ(out, (std::vector<float>{30, 10}));
 }
 
 // ---- slice -----------------------------------------------------------------
 
-struct SliceCase {
-    const char *name;
-    std::vector<uint32_t> in_dims;
-    std::vector<int32_t> starts, ends, steps;
-    uint32_t out_count;           // elements the output shape holds
-    std::vector<float> expected;  // the whole output buffer of out_count + 1
-};
-
 TEST(Slice, Table) {
     const float S = kSentinel;
-    const std::vector<SliceCase> cases = {
+    const struct {
+        const char *name;
+        std::vector<uint32_t> in_dims;
+        std::vector<int32_t> starts, ends, steps;
+        uint32_t out_count;           // elements the output shape holds
+        std::vector<float> expected;  // the whole output buffer of out_count + 1
+    } cases[] = {
         {"negative step", {5}, {4}, {-1}, {-2}, 3, {4, 2, 0, S}},
         {"reverse whole axis", {5}, {4}, {-1}, {-1}, 5, {4, 3, 2, 1, 0, S}},
         // data [[0, 1, 2, 3], [4, 5, 6, 7], [8, 9, 10, 11]]
@@ -189,10 +160,8 @@ TEST(Slice, Table) {
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
-        std::vector<float> in = iota(count_of(c.in_dims));
-        std::vector<float> out(c.out_count + 1, kSentinel);
-        Tensor ti = view(c.in_dims, in.data());
-        Tensor to = view({c.out_count}, out.data());
+        std::vector<float> in = iota(count_of(c.in_dims)), out(c.out_count + 1, kSentinel);
+        Tensor ti = view(c.in_dims, in.data()), to = view({c.out_count}, out.data());
         EXPECT_EQ(slice(&ti, c.starts.data(), c.ends.data(), c.steps.data(), &to), NPU_OK);
         EXPECT_EQ(out, c.expected);
     }
@@ -229,8 +198,7 @@ TEST(SliceOneAxis, NullLeavesEverythingAsItWas) {
         uint32_t dims[NPU_MAX_DIMS] = {c.dims[0], c.dims[1]};
         EXPECT_EQ(slice_one_axis(data, &total, dims, c.axis, &c.position, 1), nullptr);
         EXPECT_EQ(total, 6);
-        EXPECT_EQ(dims[0], c.dims[0]);
-        EXPECT_EQ(dims[1], c.dims[1]);
+        EXPECT_EQ(std::vector<uint32_t>(dims, dims + 2), std::vector<uint32_t>(c.dims, c.dims + 2));
     }
 }
 

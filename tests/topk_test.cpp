@@ -59,8 +59,7 @@ TEST(Topk, Table) {
         {{5}, ties, 4, A, 1, 0, {4}, {2, 7, 7, 2}, {0, 1, 3, 2}},
         {{3}, {1, nan, 3}, 3, A, 1, 1, {3}, {3, 1, nan}, {2, 0, 1}},
         {{3, 2}, {1, 6, 5, 2, 3, 4}, 2, 0, 1, 1, {2, 2}, {5, 6, 3, 4}, {1, 0, 2, 2}},
-        {{2, 2, 2}, {1, 8, 3, 4, 9, 6, 7, 6}, 1, -2, 0, 1, {2, 1, 2}, {1, 4, 7, 6},
-         {0, 1, 1, 0}},
+        {{2, 2, 2}, {1, 8, 3, 4, 9, 6, 7, 6}, 1, -2, 0, 1, {2, 1, 2}, {1, 4, 7, 6}, {0, 1, 1, 0}},
         {{4}, {4, -1, 4, -1}, 3, A, 0, 0, {3}, {4, -1, -1}, {0, 1, 3}, true},
         // The wrapping difference misorders values more than 2^31 apart.
         {{2}, {2147483647, -2}, 2, A, 1, 1, {2}, {-2, 2147483647}, {1, 0}, true},
@@ -109,18 +108,17 @@ TEST(Topk, Table) {
 }
 
 TEST(Topk, RefusalsAndMessages) {
-    struct Refusal {
+    const struct {
         int64_t axis, sorted;
         std::string message;
-    };
-    const std::vector<Refusal> refusals = {
+    } refusals[] = {
         {2, 1, "topk axis: 2 must be in [-2, 2 - 1] \n"},
         {-3, 1, "topk axis: -3 must be in [-2, 2 - 1] \n"},
         {1, 2, "topk sorted:  must be 0 or 1 but not 2 \n"},
         {-1, -1, "topk sorted:  must be 0 or 1 but not -1 \n"},
     };
     std::vector<float> data = {1, 2, 3, 4}, v(2, -1), i(2, -1);
-    for (const Refusal &r : refusals) {
+    for (const auto &r : refusals) {
         uint32_t k = 1;
         Ctx c(2, 2, 2);
         c.input(0, shape_of({2, 2}), data);
