@@ -10,6 +10,8 @@
 
 #include "npucpu.h"
 #include "convert.h"
+#include "dispatch.h"
+#include "fast_compute.h"
 #include "op_log.h"
 
 namespace {
@@ -20,11 +22,34 @@ constexpr uint32_t kLayoutMatrix = 3;
 // Matrix mode: out(MxN) accumulates a(MxK) * b(KxN), one fused multiply-add
 // per k in order, the running value stored back after every step; then the
 // bias element (or +0.0f) is added.
+// The fast variant is exact when no value is a NaN (a NaN's payload could
+// depend on which operand an instruction form favours; NaNs made inside the
+// chain are all the same default NaN) and the output shares no memory with
+// an operand (the literal loop reads operands it may already have written).
+bool gemm_matrix_fast(const Tensor *a, const Tensor *b, const Tensor *bias, Tensor *out, size_t M,
+                      size_t N, size_t K) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled() || N < 1) return false;
+    const size_t mn = M * N * sizeof(float);
+    if (overlaps(out->data, mn, a->data, M * K * sizeof(float)) ||
+        overlaps(out->data, mn, b->data, K * N * sizeof(float)) ||
+        (bias != nullptr && overlaps(out->data, mn, bias->data, mn))) {
+        return false;
+    }
+    if (any_nan(a->data, M * K) || any_nan(b->data, K * N) || any_nan(out->data, M * N) ||
+        (bias != nullptr && any_nan(bias->data, M * N))) {
+        return false;
+    }
+    GemmArgs g{M, N, K, a->data, K, 1, b->data, N, 1, bias != nullptr ? bias->data : nullptr, out->data};
+    return gemm_f32(g);
+}
+
 void gemm_matrix(const Tensor *a, const Tensor *b, const Tensor *bias, Tensor *out) {
     const size_t M = out->shape.dims[0];
     const size_t N = out->shape.dims[1];
     const size_t K = a->shape.dims[1];
     if (M < 1) return;
+    if (gemm_matrix_fast(a, b, bias, out, M, N, K)) return;
     const float *A = a->data;
     const float *B = b->data;
     float *C = out->data;

@@ -1,0 +1,41 @@
+// AVX2 + FMA variants of the fast compute kernels (8 float lanes).
+#include <immintrin.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+
+#include "fast_compute.h"
+
+namespace {
+
+struct VT {
+    static constexpr int W = 8;
+    using V = __m256;
+    static V zero() { return _mm256_setzero_ps(); }
+    static V load(const float *p) { return _mm256_loadu_ps(p); }
+    static void store(float *p, V v) { _mm256_storeu_ps(p, v); }
+    static void store_n(float *p, V v, int n) {
+        alignas(32) float t[8];
+        _mm256_store_ps(t, v);
+        std::memcpy(p, t, static_cast<size_t>(n) * sizeof(float));
+    }
+    static V bcast(const float *p) { return _mm256_broadcast_ss(p); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+    static V add(V a, V b) { return _mm256_add_ps(a, b); }
+    static constexpr int GEMM_MR = 6, GEMM_NV = 2;
+    static constexpr int CONV_MR = 6, CONV_NV = 2, CONV_RB = 4;
+    static constexpr int MM_RM = 4, MM_NV = 2;
+};
+
+#include "fast_compute_kernels.inc"
+
+}  // namespace
+
+namespace npucpu {
+namespace fast {
+bool gemm_f32_avx2(const GemmArgs &args) { return gemm_run(args); }
+bool conv_f32_avx2(const ConvArgs &args) { return conv_run(args); }
+bool matmul_i32_avx2(const MatmulArgs &args) { return matmul_run(args); }
+}  // namespace fast
+}  // namespace npucpu

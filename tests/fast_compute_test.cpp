@@ -1,0 +1,239 @@
+// Fast compute kernels against the literal ones, bit for bit: gemm (kernel
+// and operator), conv, conv_transpose and matmul, at every dispatch level
+// this machine runs, over swept shapes and value mixes (signed zeros,
+// subnormals, infinities, NaN; the NaN mixes check the fallback).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "npucpu.h"
+#include "test_util.h"
+#include "utils/dispatch.h"
+
+using npucpu::Isa;
+using npucpu_test::Ctx;
+using npucpu_test::shape_of;
+
+namespace {
+
+using Floats = std::vector<float>;
+
+#ifdef NPUCPU_SANITIZE_BUILD
+constexpr bool kSmall = true;
+#else
+constexpr bool kSmall = false;
+#endif
+
+// The fast levels this machine has.
+std::vector<Isa> fast_levels() {
+    std::vector<Isa> out;
+    for (Isa l : {Isa::Portable, Isa::Avx2, Isa::Avx512}) {
+        if (static_cast<uint32_t>(l) <= static_cast<uint32_t>(npucpu::cpu_features().best)) out.push_back(l);
+    }
+    return out;
+}
+
+const char *level_name(Isa l) {
+    switch (l) {
+        case Isa::Literal: return "literal";
+        case Isa::Portable: return "portable";
+        case Isa::Avx2: return "avx2";
+        default: return "avx512";
+    }
+}
+
+// Runs fn with the level forced, and restores detection afterwards.
+template <class F>
+auto at_level(Isa level, F fn) -> decltype(fn()) {
+    npucpu::testing::force_isa(level);
+    auto r = fn();
+    npucpu::testing::clear_forced_isa();
+    return r;
+}
+
+uint32_t bits(float f) {
+    uint32_t u;
+    std::memcpy(&u, &f, sizeof u);
+    return u;
+}
+
+// memcmp of the two results; on a difference, the first index and both bit patterns.
+::testing::AssertionResult same_bits(const Floats &fast, const Floats &literal) {
+    if (fast.size() != literal.size()) {
+        return ::testing::AssertionFailure() << "sizes " << fast.size() << " vs " << literal.size();
+    }
+    if (std::memcmp(fast.data(), literal.data(), fast.size() * sizeof(float)) == 0) {
+        return ::testing::AssertionSuccess();
+    }
+    for (size_t i = 0; i < fast.size(); ++i) {
+        if (bits(fast[i]) != bits(literal[i])) {
+            char msg[128];
+            std::snprintf(msg, sizeof msg, "first difference at %zu: fast 0x%08x, literal 0x%08x", i,
+                          bits(fast[i]), bits(literal[i]));
+            return ::testing::AssertionFailure() << msg;
+        }
+    }
+    return ::testing::AssertionFailure() << "memcmp differs";
+}
+
+// Value mixes: plain values, values with signed zeros / subnormals /
+// infinities / huge magnitudes, and the same with NaNs.
+enum class Mix { Plain, Special, WithNaN };
+
+Floats values(size_t n, Mix mix, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> u(-1.0f, 1.0f);
+    std::uniform_int_distribution<int> pick(0, 39);
+    Floats v(n);
+    for (auto &x : v) {
+        x = u(rng);
+        if (mix == Mix::Plain) continue;
+        switch (pick(rng)) {
+            case 0: x = 0.0f; break;
+            case 1: x = -0.0f; break;
+            case 2: x = 1e-40f; break;
+            case 3: x = -3e-39f; break;
+            case 4: x = 3e38f; break;
+            case 5: x = (mix == Mix::WithNaN) ? std::nanf("") : -0.0f; break;
+            default: break;
+        }
+    }
+    // Rare infinities in the special mixes (often enough that products meet them).
+    if (mix != Mix::Plain && n > 3) {
+        v[seed % n] = INFINITY;
+        if (n > 7) v[(seed * 7 + 3) % n] = -INFINITY;
+    }
+    return v;
+}
+
+const Mix kMixes[] = {Mix::Plain, Mix::Special, Mix::WithNaN};
+
+// ------------------------------------------------------------ gemm kernel ----
+
+Tensor view(std::initializer_list<uint32_t> dims, Floats &data, uint32_t format) {
+    Tensor t;
+    std::memset(&t, 0, sizeof t);
+    t.shape = shape_of(dims);
+    t.dtype = NPU_DTYPE_FLOAT32;
+    t.format = format;
+    t.data = data.data();
+    return t;
+}
+
+Floats gemm_kernel(Isa level, uint32_t M, uint32_t N, uint32_t K, Mix mix, bool with_bias, uint32_t seed) {
+    Floats a = values(size_t{M} * K, mix, seed);
+    Floats b = values(size_t{K} * N, mix, seed + 1);
+    Floats c = values(size_t{M} * N, mix == Mix::WithNaN ? Mix::Special : mix, seed + 2);
+    Floats bias = values(size_t{M} * N, Mix::Plain, seed + 3);
+    Tensor ta = view({M, K}, a, NPU_FORMAT_MATRIX);
+    Tensor tb = view({K, N}, b, NPU_FORMAT_MATRIX);
+    Tensor tc = view({M, N}, c, NPU_FORMAT_MATRIX);
+    Tensor tbias = view({M, N}, bias, NPU_FORMAT_MATRIX);
+    return at_level(level, [&] {
+        EXPECT_EQ(gemm(&ta, &tb, with_bias ? &tbias : nullptr, &tc), NPU_OK);
+        return c;
+    });
+}
+
+TEST(FastGemm, KernelMatchesLiteralBitForBit) {
+    // Below, at and above the register tiles (4..12 rows, 8..32 columns) and
+    // the k block (256), primes included.
+    std::vector<uint32_t> ms = {1, 5, 12, 13, 37};
+    std::vector<uint32_t> ns = {1, 7, 16, 33, 65};
+    std::vector<uint32_t> ks = {0, 1, 3, 31, 257};
+    if (kSmall) ms = {1, 13}, ns = {7, 33}, ks = {0, 31};
+    uint32_t seed = 1;
+    for (Isa level : fast_levels()) {
+        for (uint32_t M : ms)
+            for (uint32_t N : ns)
+                for (uint32_t K : ks)
+                    for (Mix mix : kMixes) {
+                        const bool with_bias = (seed & 1) != 0;
+                        const Floats lit = gemm_kernel(Isa::Literal, M, N, K, mix, with_bias, seed);
+                        const Floats fast = gemm_kernel(level, M, N, K, mix, with_bias, seed);
+                        EXPECT_TRUE(same_bits(fast, lit)) << level_name(level) << " M" << M << " N" << N
+                                                          << " K" << K << " mix " << static_cast<int>(mix);
+                        ++seed;
+                    }
+    }
+}
+
+TEST(FastGemm, KernelLargeBlocksMatch) {
+    if (kSmall) GTEST_SKIP() << "heavy sweep in the optimised build only";
+    for (Isa level : fast_levels()) {
+        const Floats lit = gemm_kernel(Isa::Literal, 150, 1030, 300, Mix::Special, true, 99);
+        const Floats fast = gemm_kernel(level, 150, 1030, 300, Mix::Special, true, 99);
+        EXPECT_TRUE(same_bits(fast, lit)) << level_name(level);
+    }
+}
+
+TEST(FastGemm, OutputOverlappingAnOperandTakesTheLiteralPath) {
+    // out is a's storage: the literal loop reads what it wrote.
+    for (Isa level : fast_levels()) {
+        auto run = [&](Isa l) {
+            Floats buf = values(64, Mix::Plain, 5);
+            Floats b = values(64, Mix::Plain, 6);
+            Tensor ta = view({8, 8}, buf, NPU_FORMAT_MATRIX);
+            Tensor tb = view({8, 8}, b, NPU_FORMAT_MATRIX);
+            Tensor tc = view({8, 8}, buf, NPU_FORMAT_MATRIX);
+            return at_level(l, [&] {
+                gemm(&ta, &tb, nullptr, &tc);
+                return buf;
+            });
+        };
+        EXPECT_TRUE(same_bits(run(level), run(Isa::Literal))) << level_name(level);
+    }
+}
+
+// ---------------------------------------------------------- gemm operator ----
+
+struct GemmOpCase {
+    uint32_t M, N, K;
+    bool ta, tb;
+    std::vector<uint32_t> bias_dims;  // empty: no bias
+};
+
+Floats gemm_op(Isa level, const GemmOpCase &c, Mix mix, uint32_t seed) {
+    const bool has_bias = !c.bias_dims.empty();
+    Ctx ctx(has_bias ? 3 : 2, 1, 2);
+    Floats a = values(size_t{c.M} * c.K, mix, seed);
+    Floats b = values(size_t{c.K} * c.N, mix, seed + 1);
+    size_t bias_n = 1;
+    for (uint32_t d : c.bias_dims) bias_n *= d;
+    Floats bias = values(bias_n, mix == Mix::WithNaN ? Mix::Special : mix, seed + 2);
+    ctx.input(0, c.ta ? shape_of({c.K, c.M}) : shape_of({c.M, c.K}), a);
+    ctx.input(1, c.tb ? shape_of({c.N, c.K}) : shape_of({c.K, c.N}), b);
+    if (has_bias) ctx.input(2, shape_of(c.bias_dims), bias);
+    ctx.attr_int(0, "transA", c.ta ? 1 : 0);
+    ctx.attr_int(1, "transB", c.tb ? 1 : 0);
+    EXPECT_EQ(gemm_infershape(ctx.h), NPU_OK);
+    Floats &y = ctx.alloc_output(0, 7.0f);
+    EXPECT_EQ(at_level(level, [&] { return gemm_compute(ctx.h); }), NPU_OK);
+    return y;
+}
+
+TEST(FastGemm, OperatorMatchesLiteralWithTranspositionsAndBiases) {
+    std::vector<GemmOpCase> cases = {
+        {5, 7, 3, false, false, {}},       {13, 33, 17, true, false, {33}},
+        {13, 33, 17, false, true, {13, 1}}, {29, 17, 40, true, true, {29, 17}},
+        {1, 1, 1, true, true, {1}},         {64, 48, 260, false, false, {1, 48}},
+    };
+    uint32_t seed = 100;
+    for (Isa level : fast_levels())
+        for (const auto &c : cases)
+            for (Mix mix : kMixes) {
+                EXPECT_TRUE(same_bits(gemm_op(level, c, mix, seed), gemm_op(Isa::Literal, c, mix, seed)))
+                    << level_name(level) << " M" << c.M << " N" << c.N << " K" << c.K << " tA" << c.ta << " tB"
+                    << c.tb;
+                ++seed;
+            }
+}
+
+}  // namespace
