@@ -237,3 +237,104 @@ TEST(FastGemm, OperatorMatchesLiteralWithTranspositionsAndBiases) {
 }
 
 }  // namespace
+
+// ------------------------------------------------------------------- conv ----
+
+namespace conv_cases {
+
+struct ConvCfg {
+    uint32_t N, C, H, W, M, kh, kw, group;
+    int64_t sh, sw, dh, dw;
+    int64_t pads[4];
+    bool bias;
+};
+
+uint32_t out_size(uint32_t in, int64_t p0, int64_t p1, uint32_t k, int64_t d, int64_t s) {
+    const int64_t span = static_cast<int64_t>(in) + p0 + p1 - ((static_cast<int64_t>(k) - 1) * d + 1);
+    return span < 0 ? 0 : static_cast<uint32_t>(span / s + 1);
+}
+
+// conv_compute at `level`; the output buffer starts as a sentinel.
+Floats run_conv(Isa level, const ConvCfg &c, Mix mix, uint32_t seed, uint32_t *status) {
+    Floats x = values(size_t{c.N} * c.C * c.H * c.W, mix, seed);
+    Floats w = values(size_t{c.M} * (c.C / c.group) * c.kh * c.kw, mix, seed + 1);
+    Floats b = values(c.M, mix == Mix::WithNaN ? Mix::Special : mix, seed + 2);
+    const uint32_t OH = out_size(c.H, c.pads[0], c.pads[2], c.kh, c.dh, c.sh);
+    const uint32_t OW = out_size(c.W, c.pads[1], c.pads[3], c.kw, c.dw, c.sw);
+    Floats y(size_t{c.N} * c.M * OH * OW, 5.0f);
+    Ctx ctx(c.bias ? 3 : 2, 1, 4);
+    ctx.input(0, shape_of({c.N, c.C, c.H, c.W}), x);
+    ctx.input(1, shape_of({c.M, c.C / c.group, c.kh, c.kw}), w);
+    if (c.bias) ctx.input(2, shape_of({c.M}), b);
+    ctx.attr_ints(0, "strides", {c.sh, c.sw});
+    ctx.attr_ints(1, "dilations", {c.dh, c.dw});
+    ctx.attr_ints(2, "pads", {c.pads[0], c.pads[1], c.pads[2], c.pads[3]});
+    ctx.attr_int(3, "group", c.group);
+    const TensorShape ys = shape_of({c.N, c.M, OH, OW});
+    qv_kel_custom_set_output_by_index(ctx.h, 0, NPU_DTYPE_FLOAT32, NPU_FORMAT_NCHW, &ys, y.data(),
+                                      y.size() * sizeof(float));
+    npucpu_test::capture_stdout([&] { *status = at_level(level, [&] { return conv_compute(ctx.h); }); });
+    return y;
+}
+
+// Random configurations over every stride / dilation / padding / group
+// combination class, sizes below / at / above the vector widths and tiles.
+std::vector<ConvCfg> sweep(uint32_t count, uint32_t seed) {
+    std::mt19937 rng(seed);
+    auto pick = [&](std::initializer_list<uint32_t> l) {
+        return *(l.begin() + std::uniform_int_distribution<size_t>(0, l.size() - 1)(rng));
+    };
+    std::vector<ConvCfg> out;
+    while (out.size() < count) {
+        ConvCfg c{};
+        c.N = pick({1, 1, 2});
+        c.group = pick({1, 1, 2, 3, 4});
+        c.C = c.group * pick({1, 1, 2, 3, 5});
+        c.M = c.group * pick({1, 2, 5, 6, 7, 13});
+        c.H = pick({1, 3, 5, 8, 11});
+        c.W = pick({1, 4, 7, 16, 17, 33, 67});
+        c.kh = pick({1, 2, 3});
+        c.kw = pick({1, 3, 5});
+        c.sh = pick({1, 1, 2, 3});
+        c.sw = pick({1, 1, 2, 3});
+        c.dh = pick({1, 1, 2});
+        c.dw = pick({1, 1, 3});
+        for (auto &p : c.pads) p = pick({0, 0, 1, 2});
+        c.bias = pick({0, 1}) != 0;
+        if (out_size(c.H, c.pads[0], c.pads[2], c.kh, c.dh, c.sh) == 0 ||
+            out_size(c.W, c.pads[1], c.pads[3], c.kw, c.dw, c.sw) == 0) {
+            continue;
+        }
+        out.push_back(c);
+    }
+    // Depthwise and 1x1 shapes of the usual kind, and an unpadded 0-dilation pair.
+    out.push_back({1, 8, 9, 20, 8, 3, 3, 8, 1, 1, 1, 1, {1, 1, 1, 1}, true});
+    out.push_back({2, 6, 6, 6, 12, 1, 1, 1, 1, 1, 1, 1, {0, 0, 0, 0}, true});
+    out.push_back({1, 3, 19, 21, 7, 7, 7, 1, 2, 2, 1, 1, {3, 3, 3, 3}, false});
+    out.push_back({1, 2, 6, 7, 3, 3, 2, 1, 1, 1, 0, 0, {0, 1, 0, 0}, true});
+    return out;
+}
+
+}  // namespace conv_cases
+
+TEST(FastConv, MatchesLiteralBitForBit) {
+    using namespace conv_cases;
+    const std::vector<ConvCfg> cfgs = sweep(kSmall ? 12 : 120, 7);
+    uint32_t seed = 1000;
+    for (Isa level : fast_levels()) {
+        for (const ConvCfg &c : cfgs) {
+            for (Mix mix : kMixes) {
+                uint32_t s_lit = 0, s_fast = 0;
+                const Floats lit = run_conv(Isa::Literal, c, mix, seed, &s_lit);
+                const Floats fast = run_conv(level, c, mix, seed, &s_fast);
+                EXPECT_EQ(s_fast, s_lit);
+                EXPECT_TRUE(same_bits(fast, lit))
+                    << level_name(level) << " N" << c.N << " C" << c.C << " " << c.H << "x" << c.W << " M" << c.M
+                    << " k" << c.kh << "x" << c.kw << " g" << c.group << " s" << c.sh << "," << c.sw << " d" << c.dh
+                    << "," << c.dw << " p" << c.pads[0] << c.pads[1] << c.pads[2] << c.pads[3] << " bias" << c.bias
+                    << " mix " << static_cast<int>(mix);
+                ++seed;
+            }
+        }
+    }
+}
