@@ -256,6 +256,8 @@ bool fast_conv(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const n
             c.C = Cg;
             c.H = H;
             c.W = W;
+            c.x_row_stride = W;
+            c.x_plane_stride = H * W;
             for (int i = 0; i < 4; ++i) c.pads[i] = static_cast<size_t>(a.pads[i]);
             c.w = Wt + gi * Mg * Cg * kh * kw;
             c.M = Mg;

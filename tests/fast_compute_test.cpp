@@ -338,3 +338,124 @@ TEST(FastConv, MatchesLiteralBitForBit) {
         }
     }
 }
+
+// --------------------------------------------------------- conv_transpose ----
+
+namespace convt_cases {
+
+struct ConvTCfg {
+    uint32_t N, C, H, W, Mg, kh, kw, group;
+    int64_t sh, sw, dh, dw, oph, opw;
+    int64_t pads[4];
+    bool bias, kernel_shape;
+};
+
+struct ConvTResult {
+    uint32_t infer = 0, status = 0;
+    Floats y;
+};
+
+// infershape (as the host runs it), then conv_transpose_compute at `level`.
+ConvTResult run_convt(Isa level, const ConvTCfg &c, Mix mix, uint32_t seed) {
+    Floats x = values(size_t{c.N} * c.C * c.H * c.W, mix, seed);
+    Floats w = values(size_t{c.C} * c.Mg * c.kh * c.kw, mix, seed + 1);
+    Floats b = values(size_t{c.Mg} * c.group, mix == Mix::WithNaN ? Mix::Special : mix, seed + 2);
+    Ctx ctx(c.bias ? 3 : 2, 1, c.kernel_shape ? 7 : 6);
+    ctx.input(0, shape_of({c.N, c.C, c.H, c.W}), x);
+    ctx.input(1, shape_of({c.C, c.Mg, c.kh, c.kw}), w);
+    if (c.bias) ctx.input(2, shape_of({c.Mg * c.group}), b);
+    ctx.attr_ints(0, "strides", {c.sh, c.sw});
+    ctx.attr_ints(1, "dilations", {c.dh, c.dw});
+    ctx.attr_ints(2, "pads", {c.pads[0], c.pads[1], c.pads[2], c.pads[3]});
+    ctx.attr_ints(3, "output_padding", {c.oph, c.opw});
+    ctx.attr_int(4, "group", c.group);
+    ctx.attr_string(5, "auto_pad", "NOTSET");
+    if (c.kernel_shape) ctx.attr_ints(6, "kernel_shape", {c.kh, c.kw});
+    ConvTResult r;
+    r.infer = conv_transpose_infershape(ctx.h);
+    if (r.infer != NPU_OK) return r;
+    // Pads beyond the spread input give wrapped (huge) sizes: not swept here.
+    const TensorShape ys = ctx.output_shape(0);
+    uint64_t count = 1;
+    for (uint32_t d = 0; d < ys.dim_num; ++d) count *= ys.dims[d];
+    if (count == 0 || count > (1u << 20)) {
+        r.infer = NPU_FAIL;
+        return r;
+    }
+    ctx.alloc_output(0, 5.0f);
+    r.status = at_level(level, [&] { return conv_transpose_compute(ctx.h); });
+    r.y = ctx.output(0);
+    return r;
+}
+
+std::vector<ConvTCfg> sweep(uint32_t count, uint32_t seed) {
+    std::mt19937 rng(seed);
+    auto pick = [&](std::initializer_list<uint32_t> l) {
+        return *(l.begin() + std::uniform_int_distribution<size_t>(0, l.size() - 1)(rng));
+    };
+    std::vector<ConvTCfg> out;
+    while (out.size() < count) {
+        ConvTCfg c{};
+        c.N = pick({1, 1, 2});
+        c.group = pick({1, 1, 2, 3});
+        c.C = c.group * pick({1, 2, 3});
+        c.Mg = pick({1, 2, 5, 7});
+        c.H = pick({1, 2, 5, 9});
+        c.W = pick({1, 3, 8, 17, 20});
+        c.kh = pick({1, 2, 3, 4});
+        c.kw = pick({1, 2, 3, 5});
+        c.sh = pick({1, 2, 3});
+        c.sw = pick({1, 2, 3});
+        c.dh = pick({1, 1, 2});
+        c.dw = pick({1, 1, 2});
+        c.oph = pick({0, 0, 1});
+        c.opw = pick({0, 0, 1});
+        for (auto &p : c.pads) p = pick({0, 0, 1, 2});
+        c.bias = pick({0, 1}) != 0;
+        c.kernel_shape = pick({0, 1, 1}) != 0;
+        out.push_back(c);
+    }
+    out.push_back({1, 8, 7, 9, 4, 4, 4, 1, 2, 2, 1, 1, 0, 0, {1, 1, 1, 1}, true, true});
+    out.push_back({1, 4, 6, 6, 1, 3, 3, 4, 1, 1, 1, 1, 0, 0, {1, 1, 1, 1}, true, true});
+    return out;
+}
+
+}  // namespace convt_cases
+
+TEST(FastConvTranspose, MatchesLiteralBitForBit) {
+    using namespace convt_cases;
+    const std::vector<ConvTCfg> cfgs = sweep(kSmall ? 12 : 150, 11);
+    uint32_t seed = 5000, compared = 0;
+    std::vector<std::string> failures;
+    // The operator's messages (absent attributes, refused shapes) are
+    // silenced once around the sweep; failures are reported afterwards.
+    auto sweep_all = [&] {
+        for (Isa level : fast_levels()) {
+            for (const ConvTCfg &c : cfgs) {
+                for (Mix mix : kMixes) {
+                    const ConvTResult lit = run_convt(Isa::Literal, c, mix, seed);
+                    if (lit.infer != NPU_OK) continue;
+                    const ConvTResult fast = run_convt(level, c, mix, seed);
+                    ++compared;
+                    const ::testing::AssertionResult same = same_bits(fast.y, lit.y);
+                    if (fast.status != lit.status || !same) {
+                        char where[256];
+                        std::snprintf(where, sizeof where,
+                                      "%s N%u C%u %ux%u Mg%u k%ux%u g%u s%lld,%lld d%lld,%lld op%lld%lld "
+                                      "p%lld%lld%lld%lld bias%d ks%d mix %d status %u/%u: ",
+                                      level_name(level), c.N, c.C, c.H, c.W, c.Mg, c.kh, c.kw, c.group,
+                                      (long long)c.sh, (long long)c.sw, (long long)c.dh, (long long)c.dw,
+                                      (long long)c.oph, (long long)c.opw, (long long)c.pads[0],
+                                      (long long)c.pads[1], (long long)c.pads[2], (long long)c.pads[3], c.bias,
+                                      c.kernel_shape, static_cast<int>(mix), fast.status, lit.status);
+                        failures.push_back(where + std::string(same.message()));
+                    }
+                    ++seed;
+                }
+            }
+        }
+    };
+    npucpu_test::capture_stdout([&] { npucpu_test::capture_stderr(sweep_all); });
+    EXPECT_GT(compared, 0u);
+    EXPECT_TRUE(failures.empty()) << failures.size() << " differences, first: " << failures.front();
+}

@@ -40,8 +40,9 @@ struct GemmArgs {
 // them are the caller's business: it only comes here when skipping them is
 // exact, i.e. the input is finite).
 struct ConvArgs {
-    const float *x;  // C planes, H x W, contiguous
+    const float *x;  // C planes, H x W
     size_t C, H, W;
+    size_t x_row_stride, x_plane_stride;  // in floats (W and H * W when dense)
     size_t pads[4];
     const float *w;  // M x C x kh x kw
     size_t M, kh, kw;
