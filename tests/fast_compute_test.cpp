@@ -459,3 +459,76 @@ TEST(FastConvTranspose, MatchesLiteralBitForBit) {
     EXPECT_GT(compared, 0u);
     EXPECT_TRUE(failures.empty()) << failures.size() << " differences, first: " << failures.front();
 }
+
+// ----------------------------------------------------------------- matmul ----
+
+namespace matmul_cases {
+
+// Operand values: small integers with fractions (the exact float route),
+// or magnitudes that overflow 32-bit sums and saturate, with NaN and
+// infinities (the wrapping integer route).
+Floats operand(size_t n, bool wide, uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> small(-9.9f, 9.9f);
+    std::uniform_real_distribution<float> big(-3e9f, 3e9f);
+    Floats v(n);
+    for (size_t i = 0; i < n; ++i) {
+        v[i] = wide ? big(rng) : small(rng);
+        if (wide && i % 17 == 3) v[i] = std::nanf("");
+        if (wide && i % 29 == 5) v[i] = (i & 1) ? INFINITY : -INFINITY;
+        if (wide && i % 7 == 1) v[i] = -0.5f;
+    }
+    return v;
+}
+
+Floats run_matmul(Isa level, const std::vector<uint32_t> &ad, const std::vector<uint32_t> &bd, size_t out_n,
+                  bool wide, uint32_t seed) {
+    size_t an = 1, bn = 1;
+    for (uint32_t d : ad) an *= d;
+    for (uint32_t d : bd) bn *= d;
+    Floats a = operand(an, wide, seed), b = operand(bn, wide, seed + 1), y(out_n, 3.0f);
+    Tensor ta{}, tb{}, ty{};
+    ta.shape = shape_of(ad);
+    tb.shape = shape_of(bd);
+    ty.shape = shape_of({static_cast<uint32_t>(out_n)});
+    ta.data = a.data();
+    tb.data = b.data();
+    ty.data = y.data();
+    return at_level(level, [&] {
+        EXPECT_EQ(matmul(&ta, &tb, &ty), NPU_OK);
+        return y;
+    });
+}
+
+}  // namespace matmul_cases
+
+TEST(FastMatmul, MatchesLiteralOnBothRoutes) {
+    using namespace matmul_cases;
+    struct Case {
+        std::vector<uint32_t> a, b;
+    };
+    std::vector<Case> cases = {
+        {{1, 1}, {1, 1}},       {{5, 3}, {3, 7}},         {{13, 17}, {17, 33}},  {{9, 64}, {64, 65}},
+        {{2, 6, 5}, {2, 5, 9}}, {{3, 4, 19}, {19, 20}},   {{7}, {7, 70}},       {{31, 11}, {11}},
+        {{4, 3}, {2, 3, 5}},    {{37, 300}, {300, 18}},
+    };
+    uint32_t seed = 9000;
+    for (Isa level : fast_levels())
+        for (const Case &c : cases)
+            for (bool wide : {false, true}) {
+                size_t out_n = 1;
+                // Enough room for every batch (and a spare element).
+                const size_t M = c.a.size() >= 2 ? c.a[c.a.size() - 2] : 1;
+                const size_t N = c.b.size() >= 2 ? c.b.back() : 1;
+                size_t batch = 1;
+                for (size_t i = 0; i + 2 < c.a.size(); ++i) batch *= c.a[i];
+                size_t batch_b = 1;
+                for (size_t i = 0; i + 2 < c.b.size(); ++i) batch_b *= c.b[i];
+                out_n = std::max(batch, batch_b) * M * N + 1;
+                EXPECT_TRUE(same_bits(run_matmul(level, c.a, c.b, out_n, wide, seed),
+                                      run_matmul(Isa::Literal, c.a, c.b, out_n, wide, seed)))
+                    << level_name(level) << " case " << c.a.size() << "x" << c.b.size() << " M" << M << " N" << N
+                    << " wide " << wide;
+                ++seed;
+            }
+}
