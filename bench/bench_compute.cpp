@@ -28,6 +28,7 @@
 namespace {
 
 using Floats = std::vector<float>;
+bool g_fast_only = false;  // --fast-only: time the fast path alone (profiling)
 using Clock = std::chrono::steady_clock;
 
 // Median wall time in milliseconds of fn: one or two warm-up runs, then
@@ -49,7 +50,7 @@ double median_ms(const std::function<void()> &fn, double budget_s = 0.6, int max
 }
 
 // Literal paths take seconds: one warm-up-free run less, three timed.
-double literal_ms(const std::function<void()> &fn) { return median_ms(fn, 0.0, 3); }
+double literal_ms(const std::function<void()> &fn) { return g_fast_only ? 0.0 : median_ms(fn, 0.0, 3); }
 
 Floats random_values(size_t n, uint32_t seed, float lo = -1.0f, float hi = 1.0f) {
     std::mt19937 rng(seed);
@@ -247,8 +248,8 @@ Row bench_conv(const ConvShape &c) {
     npucpu::testing::clear_forced_isa();
     r.match = std::memcmp(fast.data(), y.data(), y.size() * 4) == 0;
 #ifdef NPUCPU_BENCH_DNNL
-    r.peers["onednn"] = dnnl_conv_ms(c, x, w, b, true);
-    r.peers["onednn_blocked"] = dnnl_conv_ms(c, x, w, b, false);
+    if (!g_fast_only) r.peers["onednn"] = dnnl_conv_ms(c, x, w, b, true);
+    if (!g_fast_only) r.peers["onednn_blocked"] = dnnl_conv_ms(c, x, w, b, false);
 #endif
     return r;
 }
@@ -339,6 +340,7 @@ int main(int argc, char **argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--json") == 0 && i + 1 < argc) json = argv[++i];
         else if (std::strcmp(argv[i], "--only") == 0 && i + 1 < argc) only = argv[++i];
+        else if (std::strcmp(argv[i], "--fast-only") == 0) g_fast_only = true;
     }
     const ConvShape convs[] = {
         {"conv 3x3 C64 56x56 M64", 1, 64, 56, 56, 64, 3, 3, 1, 1, 1, false, "onednn"},

@@ -197,9 +197,11 @@ bool groups_fit(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const 
 // of one value per output channel, pads from 0 to 65535, dilations both at
 // least 1 (or both 0), a result plane equal to the output plane, buffers
 // covering every shape, an output sharing no memory with an input, no NaN
-// anywhere (a NaN's payload could depend on operand order) and, when the
-// filter is dilated, a finite input (a skipped zero tap times an infinity
-// would have made a NaN). The output buffer is already zero-filled.
+// result (a NaN's payload could depend on operand order; a NaN that enters
+// a chain, from an operand or made inside it, stays to the result) and,
+// when the filter is dilated, a finite input (a skipped zero tap times an
+// infinity would have made a NaN). Every output element is written; the bytes of the
+// buffer past them are zero-filled as the literal path does.
 // Returns false when the literal path must run.
 bool fast_conv(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const npucpu::TensorInfo *b,
                const npucpu::TensorInfo &y, const ConvAttrs &a, uint32_t g) {
@@ -244,35 +246,40 @@ bool fast_conv(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const n
     }
     const float *X = static_cast<const float *>(x.buf);
     const float *Wt = static_cast<const float *>(w.buf);
-    if (any_nan(Wt, w_n) || (bias != nullptr && any_nan(bias, M))) return false;
+    // The kernel checks the input for infinities as it copies it when the
+    // filter is dilated, and refuses NaN results.
     const bool dilated = (dh > 1 && kh > 1) || (dw > 1 && kw > 1);
-    if (dilated ? any_non_finite(X, x_n) : any_nan(X, x_n)) return false;
 
+    const uint64_t y_bytes = y_n * sizeof(float);
+    if (y.buf_len > y_bytes) std::memset(static_cast<char *>(y.buf) + y_bytes, 0, y.buf_len - y_bytes);
     const uint64_t Mg = M / g;
     for (uint64_t n = 0; n < N; ++n) {
-        for (uint64_t gi = 0; gi < g; ++gi) {
-            ConvArgs c;
-            c.x = X + (n * C + gi * Cg) * H * W;
-            c.C = Cg;
-            c.H = H;
-            c.W = W;
-            c.x_row_stride = W;
-            c.x_plane_stride = H * W;
-            for (int i = 0; i < 4; ++i) c.pads[i] = static_cast<size_t>(a.pads[i]);
-            c.w = Wt + gi * Mg * Cg * kh * kw;
-            c.M = Mg;
-            c.kh = kh;
-            c.kw = kw;
-            c.sh = static_cast<size_t>(a.strides[0]);
-            c.sw = static_cast<size_t>(a.strides[1]);
-            c.dh = static_cast<size_t>(dh);
-            c.dw = static_cast<size_t>(dw);
-            c.bias = bias != nullptr ? bias + gi * Mg : nullptr;
-            c.y = static_cast<float *>(y.buf) + (n * M + gi * Mg) * OH * OW;
-            c.OH = OH;
-            c.OW = OW;
-            if (!conv_f32(c)) return false;
-        }
+        ConvArgs c;
+        c.x = X + n * C * H * W;
+        c.C = Cg;
+        c.H = H;
+        c.W = W;
+        c.x_row_stride = W;
+        c.x_plane_stride = H * W;
+        c.groups = g;
+        c.refuse_input = dilated ? 2 : 0;
+        c.refuse_nan_result = true;
+        c.x_group_stride = Cg * H * W;
+        c.y_group_stride = Mg * OH * OW;
+        for (int i = 0; i < 4; ++i) c.pads[i] = static_cast<size_t>(a.pads[i]);
+        c.w = Wt;
+        c.M = Mg;
+        c.kh = kh;
+        c.kw = kw;
+        c.sh = static_cast<size_t>(a.strides[0]);
+        c.sw = static_cast<size_t>(a.strides[1]);
+        c.dh = static_cast<size_t>(dh);
+        c.dw = static_cast<size_t>(dw);
+        c.bias = bias;
+        c.y = static_cast<float *>(y.buf) + n * M * OH * OW;
+        c.OH = OH;
+        c.OW = OW;
+        if (!conv_f32(c)) return false;
     }
     return true;
 }
@@ -502,8 +509,8 @@ NPU_API uint32_t conv_compute(OperatorContext *handle) {
     }
 
     // The groups accumulate into the output, so it starts at zero.
-    std::memset(y.buf, 0, y.buf_len);
     if (fast_conv(x, w, has_bias ? &b : nullptr, y, a, g)) return NPU_OK;
+    std::memset(y.buf, 0, y.buf_len);
 
     Tensor *X = npucpu::conv::wrap(x.shape, x.dtype, x.format, x.buf);
     Tensor *Wt = npucpu::conv::wrap(w.shape, w.dtype, w.format, w.buf);

@@ -387,10 +387,12 @@ struct FastScratch {
 // dilations, pads and output paddings from 1 (strides, dilations) or 0 up to
 // 65535, non-negative padding of the spread input, a result plane equal to
 // the output plane, buffers covering the shapes, an output sharing no
-// memory with an input, no NaN, and finite inputs and filters whenever a
-// stride or dilation above 1 makes the literal path multiply spread zeros.
-// The output buffer is already zero-filled. Returns false when the literal
-// path must run.
+// memory with an input, no NaN result, and finite inputs and filters
+// whenever a stride or dilation above 1 makes the literal path multiply
+// spread zeros.
+// Every output element is written; the bytes of the buffer past them are
+// zero-filled as the literal path does. Returns false when the literal path
+// must run.
 bool fast_conv_transpose(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const npucpu::TensorInfo *b,
                          const npucpu::TensorInfo &y, const TransposeAttrs &a, const Settings &st, uint32_t g) {
     using namespace npucpu::fast;
@@ -441,12 +443,13 @@ bool fast_conv_transpose(const npucpu::TensorInfo &x, const npucpu::TensorInfo &
     }
     const float *X = static_cast<const float *>(x.buf);
     const float *Wt = static_cast<const float *>(w.buf);
-    if (bias != nullptr && any_nan(bias, M)) return false;
     const bool skips = sh > 1 || sw > 1 || dh > 1 || dw > 1;
-    if (skips ? (any_non_finite(X, x_n) || any_non_finite(Wt, w_n)) : (any_nan(X, x_n) || any_nan(Wt, w_n))) {
-        return false;
-    }
+    // A NaN result makes the kernel refuse (see conv); with skips a pixel
+    // or a filter value may be met by zero taps only, so both must be finite.
+    if (skips && (any_non_finite(Wt, w_n) || any_non_finite(X, x_n))) return false;
 
+    const uint64_t y_bytes = y_n * sizeof(float);
+    if (y.buf_len > y_bytes) std::memset(static_cast<char *>(y.buf) + y_bytes, 0, y.buf_len - y_bytes);
     const uint64_t Cg = C / g;
     const uint64_t OHp_max = (OH + sh - 1) / sh, OWp_max = (OW + sw - 1) / sw;
     FastScratch scratch;
@@ -486,7 +489,8 @@ bool fast_conv_transpose(const npucpu::TensorInfo &x, const npucpu::TensorInfo &
                                 out[m * OHp * OWp + q] = bias_g != nullptr ? 0.0f + bias_g[m] : 0.0f;
                     } else {
                         const int64_t oy0 = first_offset(rr, py, top, sh), ox0 = first_offset(rs, px, left, sw);
-                        const int64_t DH = rr.step / sh, DW = rs.step / sw;
+                        // A single tap has no spacing; 1 keeps the kernel's arithmetic plain.
+                        const int64_t DH = rr.count > 1 ? rr.step / sh : 1, DW = rs.count > 1 ? rs.step / sw : 1;
                         ConvArgs c;
                         const float *xg = X + (n * C + gi * Cg) * H * W;
                         // Rows from oy0 on (padding above when negative), enough below.
@@ -502,6 +506,11 @@ bool fast_conv_transpose(const npucpu::TensorInfo &x, const npucpu::TensorInfo &
                         c.W = static_cast<size_t>(w_avail < need_w ? w_avail : need_w);
                         c.x_row_stride = W;
                         c.x_plane_stride = H * W;
+                        c.groups = 1;
+                        c.refuse_input = 0;
+                        c.refuse_nan_result = true;
+                        c.x_group_stride = 0;
+                        c.y_group_stride = 0;
                         c.pads[0] = static_cast<size_t>(pt);
                         c.pads[1] = static_cast<size_t>(pl);
                         c.pads[2] = static_cast<size_t>(need_h - pt - static_cast<int64_t>(c.H) > 0
@@ -730,8 +739,8 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
     }
 
     // The channels accumulate into the output, so it starts at zero.
-    std::memset(y.buf, 0, y.buf_len);
     if (fast_conv_transpose(x, w, has_bias ? &b : nullptr, y, a, s, g)) return NPU_OK;
+    std::memset(y.buf, 0, y.buf_len);
 
     Tensor *X = npucpu::conv::wrap(x.shape, x.dtype, x.format, x.buf);
     Tensor *Wt = npucpu::conv::wrap(w.shape, w.dtype, w.format, w.buf);

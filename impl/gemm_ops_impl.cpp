@@ -170,10 +170,10 @@ void zero_output(const npucpu::TensorInfo &y) {
 // The fast path of compute, with the transpositions folded into the
 // kernel's packing instead of copied: taken only for two-dimensional
 // operands whose shapes agree with the output, buffers that cover them, an
-// output sharing no memory with an operand, and no NaN in the operands or
-// the expanded bias (whose payloads the literal kernel's operand order
-// decides). The output starts at zero, as in the literal path. Returns
-// false when the literal path must run.
+// output sharing no memory with an operand, and no NaN result (a NaN's
+// payload could depend on the operand order of an instruction; without NaN
+// results no NaN ever entered a chain). The output starts at zero, as in
+// the literal path. Returns false when the literal path must run.
 bool fast_compute(const npucpu::TensorInfo &a, const npucpu::TensorInfo &b, const npucpu::TensorInfo &y,
                   bool trans_a, bool trans_b, const float *bias) {
     using namespace npucpu::fast;
@@ -197,10 +197,11 @@ bool fast_compute(const npucpu::TensorInfo &a, const npucpu::TensorInfo &b, cons
     }
     const float *A = static_cast<const float *>(a.buf);
     const float *B = static_cast<const float *>(b.buf);
-    if (any_nan(A, M * K) || any_nan(B, K * N) || (bias != nullptr && any_nan(bias, M * N))) return false;
     std::memset(y.buf, 0, mn);
+    // A NaN anywhere (operand, bias, or made inside a chain) leaves some
+    // result NaN; the kernel then reports it and the literal path reruns.
     GemmArgs g{M, N, K, A, trans_a ? 1 : K, trans_a ? M : 1, B, trans_b ? 1 : N, trans_b ? K : 1, bias,
-               static_cast<float *>(y.buf)};
+               static_cast<float *>(y.buf), true};
     return gemm_f32(g);
 }
 

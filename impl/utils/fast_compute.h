@@ -29,6 +29,9 @@ struct GemmArgs {
     size_t b_rs, b_cs;
     const float *bias;  // may be null
     float *C;
+    // When set, a NaN among the results makes gemm_f32 return false (the
+    // caller then recomputes C from its start, which must be restorable).
+    bool refuse_nan_result;
 };
 
 // Direct convolution of one image and one group. The input planes (C of
@@ -43,6 +46,17 @@ struct ConvArgs {
     const float *x;  // C planes, H x W
     size_t C, H, W;
     size_t x_row_stride, x_plane_stride;  // in floats (W and H * W when dense)
+    // Independent groups run one after another: group g reads x and writes
+    // y at g times these strides (in floats), takes filters M * C * kh * kw
+    // further on and bias values M further on.
+    size_t groups, x_group_stride, y_group_stride;
+    // Input values that make the fast path inexact, checked while the input
+    // is copied: 0 none, 1 NaN, 2 NaN or infinity; and whether a NaN result
+    // does (a NaN met by a chain keeps the result NaN, so without NaN
+    // results no NaN payload was ever chosen). On a hit conv_f32 returns
+    // false (some outputs may already be written).
+    int refuse_input;
+    bool refuse_nan_result;
     size_t pads[4];
     const float *w;  // M x C x kh x kw
     size_t M, kh, kw;
@@ -65,8 +79,9 @@ struct MatmulArgs {
 };
 
 // Entry points: run the variant of the active level (above Literal).
-// Return false only when scratch memory could not be had (the caller then
-// runs the literal kernel).
+// Return false when scratch memory could not be had or conv_f32 met a
+// refused input value (the caller then runs the literal kernel, which
+// rewrites the whole output).
 bool gemm_f32(const GemmArgs &args);
 bool conv_f32(const ConvArgs &args);
 bool matmul_i32(const MatmulArgs &args);
@@ -82,9 +97,16 @@ bool matmul_i32_portable(const MatmulArgs &args);
 bool matmul_i32_avx2(const MatmulArgs &args);
 bool matmul_i32_avx512(const MatmulArgs &args);
 
-// Value checks the callers use to decide whether the fast path is exact.
+// Value checks the callers use to decide whether the fast path is exact
+// (any_nan: a NaN among n floats; any_non_finite: a NaN or an infinity).
 bool any_nan(const float *p, size_t n);
 bool any_non_finite(const float *p, size_t n);
+bool any_nan_portable(const float *p, size_t n);
+bool any_nan_avx2(const float *p, size_t n);
+bool any_nan_avx512(const float *p, size_t n);
+bool any_non_finite_portable(const float *p, size_t n);
+bool any_non_finite_avx2(const float *p, size_t n);
+bool any_non_finite_avx512(const float *p, size_t n);
 // True when [a, a + a_bytes) and [b, b + b_bytes) share a byte.
 bool overlaps(const void *a, size_t a_bytes, const void *b, size_t b_bytes);
 

@@ -21,8 +21,9 @@ struct VT {
     static V bcast(const float *p) { return _mm512_set1_ps(*p); }
     static V fma(V a, V b, V c) { return _mm512_fmadd_ps(a, b, c); }
     static V add(V a, V b) { return _mm512_add_ps(a, b); }
+    static unsigned nan_mask(V v) { return _mm512_cmp_ps_mask(v, v, _CMP_UNORD_Q); }
     static constexpr int GEMM_MR = 12, GEMM_NV = 2;
-    static constexpr int CONV_MR = 6, CONV_NV = 4, CONV_RB = 4;
+    static constexpr int CONV_MR = 6, CONV_NV = 4, CONV_RB = 6;
     static constexpr int MM_RM = 4, MM_NV = 4;
 };
 
@@ -35,5 +36,7 @@ namespace fast {
 bool gemm_f32_avx512(const GemmArgs &args) { return gemm_run(args); }
 bool conv_f32_avx512(const ConvArgs &args) { return conv_run(args); }
 bool matmul_i32_avx512(const MatmulArgs &args) { return matmul_run(args); }
+bool any_nan_avx512(const float *p, size_t n) { return scan_run<true>(p, n); }
+bool any_non_finite_avx512(const float *p, size_t n) { return scan_run<false>(p, n); }
 }  // namespace fast
 }  // namespace npucpu

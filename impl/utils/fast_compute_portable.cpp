@@ -33,6 +33,11 @@ struct VT {
         for (int i = 0; i < 4; ++i) a.l[i] += b.l[i];
         return a;
     }
+    static unsigned nan_mask(V v) {
+        unsigned m = 0;
+        for (int i = 0; i < 4; ++i) m |= (v.l[i] != v.l[i]) ? 1u << i : 0u;
+        return m;
+    }
     static constexpr int GEMM_MR = 4, GEMM_NV = 2;
     static constexpr int CONV_MR = 4, CONV_NV = 2, CONV_RB = 2;
     static constexpr int MM_RM = 4, MM_NV = 2;
@@ -48,6 +53,8 @@ namespace fast {
 bool gemm_f32_portable(const GemmArgs &args) { return gemm_run(args); }
 bool conv_f32_portable(const ConvArgs &args) { return conv_run(args); }
 bool matmul_i32_portable(const MatmulArgs &args) { return matmul_run(args); }
+bool any_nan_portable(const float *p, size_t n) { return scan_run<true>(p, n); }
+bool any_non_finite_portable(const float *p, size_t n) { return scan_run<false>(p, n); }
 
 bool gemm_f32(const GemmArgs &args) {
     switch (active_isa()) {
@@ -74,15 +81,19 @@ bool matmul_i32(const MatmulArgs &args) {
 }
 
 bool any_nan(const float *p, size_t n) {
-    bool found = false;
-    for (size_t i = 0; i < n; ++i) found |= p[i] != p[i];
-    return found;
+    switch (active_isa()) {
+        case Isa::Avx512: return any_nan_avx512(p, n);
+        case Isa::Avx2: return any_nan_avx2(p, n);
+        default: return any_nan_portable(p, n);
+    }
 }
 
 bool any_non_finite(const float *p, size_t n) {
-    bool found = false;
-    for (size_t i = 0; i < n; ++i) found |= !(p[i] - p[i] == 0.0f);
-    return found;
+    switch (active_isa()) {
+        case Isa::Avx512: return any_non_finite_avx512(p, n);
+        case Isa::Avx2: return any_non_finite_avx2(p, n);
+        default: return any_non_finite_portable(p, n);
+    }
 }
 
 bool overlaps(const void *a, size_t a_bytes, const void *b, size_t b_bytes) {

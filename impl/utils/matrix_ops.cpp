@@ -40,7 +40,7 @@ bool gemm_matrix_fast(const Tensor *a, const Tensor *b, const Tensor *bias, Tens
         (bias != nullptr && any_nan(bias->data, M * N))) {
         return false;
     }
-    GemmArgs g{M, N, K, a->data, K, 1, b->data, N, 1, bias != nullptr ? bias->data : nullptr, out->data};
+    GemmArgs g{M, N, K, a->data, K, 1, b->data, N, 1, bias != nullptr ? bias->data : nullptr, out->data, false};
     return gemm_f32(g);
 }
 
@@ -130,7 +130,7 @@ bool matmul_fast(const float *A, const float *B, float *out, size_t batches, boo
             }
             float *c = out + t * M * N;
             std::memset(c, 0, M * N * sizeof(float));
-            GemmArgs g{M, N, K, af, K, 1, bf, N, 1, nullptr, c};
+            GemmArgs g{M, N, K, af, K, 1, bf, N, 1, nullptr, c, false};
             ok = gemm_f32(g);
         }
         std::free(af);
