@@ -4,11 +4,11 @@
 // figures (bench/compute_merge.py adds the PyTorch timings and prints the
 // combined table).
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <random>
@@ -29,21 +29,29 @@ namespace {
 
 using Floats = std::vector<float>;
 bool g_fast_only = false;  // --fast-only: time the fast path alone (profiling)
-using Clock = std::chrono::steady_clock;
 
-// Median wall time in milliseconds of fn: one or two warm-up runs, then
-// repetitions until `budget_s` seconds or `max_reps` runs (at least 3).
+// The calling thread's CPU time in milliseconds. Every contender runs on
+// the calling thread (one thread each), so on a shared machine this leaves
+// out the time other processes held the core.
+double thread_ms() {
+    timespec ts;
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return ts.tv_sec * 1e3 + ts.tv_nsec / 1e6;
+}
+
+// Median time in milliseconds of fn: two warm-up runs, then repetitions
+// until `budget_s` seconds or `max_reps` runs (at least 3).
 double median_ms(const std::function<void()> &fn, double budget_s = 0.6, int max_reps = 40) {
     fn();
-    const auto t0 = Clock::now();
+    const double t0 = thread_ms();
     fn();
-    const double first = std::chrono::duration<double>(Clock::now() - t0).count();
+    const double first = (thread_ms() - t0) / 1e3;
     std::vector<double> t;
     const int reps = std::max(3, std::min(max_reps, static_cast<int>(budget_s / std::max(first, 1e-6))));
     for (int i = 0; i < reps; ++i) {
-        const auto s = Clock::now();
+        const double s = thread_ms();
         fn();
-        t.push_back(std::chrono::duration<double, std::milli>(Clock::now() - s).count());
+        t.push_back(thread_ms() - s);
     }
     std::sort(t.begin(), t.end());
     return t[t.size() / 2];

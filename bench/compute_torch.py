@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """PyTorch peer of the compute benchmark: the depthwise and conv_transpose
 shapes (and the three standard convolutions, for reference), one thread,
-NCHW, warm-up then medians. Writes {"workload": ms, ...} to argv[1]."""
+NCHW, warm-up then medians of the thread's CPU time. Writes {"workload": ms, ...} to argv[1]."""
 import json
 import statistics
 import sys
@@ -14,16 +14,17 @@ torch.set_grad_enabled(False)
 
 
 def median_ms(fn, budget=0.6, max_reps=40):
+    # Thread CPU time, as bench_compute measures (one thread each).
     fn()
-    t0 = time.perf_counter()
+    t0 = time.thread_time()
     fn()
-    first = time.perf_counter() - t0
+    first = time.thread_time() - t0
     reps = max(3, min(max_reps, int(budget / max(first, 1e-6))))
     times = []
     for _ in range(reps):
-        s = time.perf_counter()
+        s = time.thread_time()
         fn()
-        times.append((time.perf_counter() - s) * 1e3)
+        times.append((time.thread_time() - s) * 1e3)
     return statistics.median(times)
 
 
