@@ -22,7 +22,7 @@ struct VT {
     static V fma(V a, V b, V c) { return _mm512_fmadd_ps(a, b, c); }
     static V add(V a, V b) { return _mm512_add_ps(a, b); }
     static unsigned nan_mask(V v) { return _mm512_cmp_ps_mask(v, v, _CMP_UNORD_Q); }
-    static constexpr int GEMM_MR = 12, GEMM_NV = 2;
+    static constexpr int GEMM_MR = 6, GEMM_NV = 4;
     static constexpr int CONV_MR = 6, CONV_NV = 4, CONV_RB = 6;
     static constexpr int MM_RM = 4, MM_NV = 4;
 };
