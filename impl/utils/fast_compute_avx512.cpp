@@ -23,7 +23,7 @@ struct VT {
     static V add(V a, V b) { return _mm512_add_ps(a, b); }
     static unsigned nan_mask(V v) { return _mm512_cmp_ps_mask(v, v, _CMP_UNORD_Q); }
     static constexpr int GEMM_MR = 6, GEMM_NV = 4;
-    static constexpr int CONV_MR = 6, CONV_NV = 4, CONV_RB = 6;
+    static constexpr int CONV_MR = 6, CONV_MR2 = 4, CONV_NV = 4, CONV_RB = 6;
     static constexpr int MM_RM = 4, MM_NV = 4;
 };
 

@@ -39,7 +39,7 @@ struct VT {
         return m;
     }
     static constexpr int GEMM_MR = 4, GEMM_NV = 2;
-    static constexpr int CONV_MR = 4, CONV_NV = 2, CONV_RB = 2;
+    static constexpr int CONV_MR = 4, CONV_MR2 = 2, CONV_NV = 2, CONV_RB = 2;
     static constexpr int MM_RM = 4, MM_NV = 2;
 };
 
