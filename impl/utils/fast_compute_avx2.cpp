@@ -23,6 +23,8 @@ struct VT {
     static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
     static V add(V a, V b) { return _mm256_add_ps(a, b); }
     static unsigned nan_mask(V v) { return static_cast<unsigned>(_mm256_movemask_ps(_mm256_cmp_ps(v, v, _CMP_UNORD_Q))); }
+    static constexpr bool HAS_HALF = false;  // no narrower vector worth using
+    using Half = VT;
     static constexpr int GEMM_MR = 6, GEMM_NV = 2;
     static constexpr int CONV_MR = 6, CONV_MR2 = 4, CONV_NV = 2, CONV_RB = 4;
     static constexpr int MM_RM = 4, MM_NV = 2;

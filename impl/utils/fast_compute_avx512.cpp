@@ -9,6 +9,22 @@
 
 namespace {
 
+// Eight lanes: the last vector of a row whose remainder fits in one.
+struct VTHalf {
+    static constexpr int W = 8;
+    using V = __m256;
+    static V zero() { return _mm256_setzero_ps(); }
+    static V load(const float *p) { return _mm256_loadu_ps(p); }
+    static void store(float *p, V v) { _mm256_storeu_ps(p, v); }
+    static void store_n(float *p, V v, int n) {
+        _mm256_mask_storeu_ps(p, static_cast<__mmask8>((1u << n) - 1u), v);
+    }
+    static V bcast(const float *p) { return _mm256_set1_ps(*p); }
+    static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+    static V add(V a, V b) { return _mm256_add_ps(a, b); }
+    static unsigned nan_mask(V v) { return _mm256_cmp_ps_mask(v, v, _CMP_UNORD_Q); }
+};
+
 struct VT {
     static constexpr int W = 16;
     using V = __m512;
@@ -22,6 +38,8 @@ struct VT {
     static V fma(V a, V b, V c) { return _mm512_fmadd_ps(a, b, c); }
     static V add(V a, V b) { return _mm512_add_ps(a, b); }
     static unsigned nan_mask(V v) { return _mm512_cmp_ps_mask(v, v, _CMP_UNORD_Q); }
+    static constexpr bool HAS_HALF = true;
+    using Half = VTHalf;
     static constexpr int GEMM_MR = 6, GEMM_NV = 4;
     static constexpr int CONV_MR = 6, CONV_MR2 = 4, CONV_NV = 4, CONV_RB = 6;
     static constexpr int MM_RM = 4, MM_NV = 4;

@@ -38,6 +38,8 @@ struct VT {
         for (int i = 0; i < 4; ++i) m |= (v.l[i] != v.l[i]) ? 1u << i : 0u;
         return m;
     }
+    static constexpr bool HAS_HALF = false;  // no narrower vector worth using
+    using Half = VT;
     static constexpr int GEMM_MR = 4, GEMM_NV = 2;
     static constexpr int CONV_MR = 4, CONV_MR2 = 2, CONV_NV = 2, CONV_RB = 2;
     static constexpr int MM_RM = 4, MM_NV = 2;
