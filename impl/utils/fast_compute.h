@@ -34,14 +34,14 @@ struct GemmArgs {
     bool refuse_nan_result;
 };
 
-// Direct convolution of one image and one group. The input planes (C of
-// them, H x W) are padded with zeros by pads (top, left, bottom, right)
-// into a scratch copy, so padding taps are multiplied as the literal kernel
-// multiplies them; the filters are dense (M x C x kh x kw); every output
-// (M x OH x OW) is (0.0f + chain over (c, r, s) of fma(x, w, .) from 0.0f)
-// [+ bias[m]], where the real taps sit dh / dw apart (the zero taps between
-// them are the caller's business: it only comes here when skipping them is
-// exact, i.e. the input is finite).
+// Direct convolution of one image, group after group. A group's input
+// planes (C of them, H x W) are padded with zeros by pads (top, left,
+// bottom, right) into a scratch copy, so padding taps are multiplied as the
+// literal kernel multiplies them; the filters are dense (M x C x kh x kw);
+// every output (M x OH x OW) is (0.0f + chain over (c, r, s) of
+// fma(x, w, .) from 0.0f) [+ bias[m]], where the real taps sit dh / dw
+// apart. The zero taps between them are skipped, which is exact only for a
+// finite input: callers with dilated filters set refuse_input to 2.
 struct ConvArgs {
     const float *x;  // C planes, H x W
     size_t C, H, W;
