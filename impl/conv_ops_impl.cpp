@@ -9,6 +9,8 @@
 #include <cstring>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
+#include "utils/fast_compute.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -184,6 +186,100 @@ bool groups_fit(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const 
     if (out_format == NPU_FORMAT_NCHW &&
         cols.positions > static_cast<uint64_t>(y.shape.dims[2]) * y.shape.dims[3]) {
         return false;
+    }
+    return true;
+}
+
+// The fast path of compute: a direct convolution per image and group
+// computing the same chains as the literal split / pad / dilate / im2col /
+// gemm sequence. Taken only where it provably gives the same bits:
+// four-dimensional NCHW operands of the usual convolution shapes, a 1-D bias
+// of one value per output channel, pads from 0 to 65535, dilations both at
+// least 1 (or both 0), a result plane equal to the output plane, buffers
+// covering every shape, an output sharing no memory with an input, no NaN
+// result (a NaN's payload could depend on operand order; a NaN that enters
+// a chain, from an operand or made inside it, stays to the result) and,
+// when the filter is dilated, a finite input (a skipped zero tap times an
+// infinity would have made a NaN). Every output element is written; the bytes of the
+// buffer past them are zero-filled as the literal path does.
+// Returns false when the literal path must run.
+bool fast_conv(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const npucpu::TensorInfo *b,
+               const npucpu::TensorInfo &y, const ConvAttrs &a, uint32_t g) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled()) return false;
+    if (x.format != NPU_FORMAT_NCHW || w.format != NPU_FORMAT_NCHW) return false;
+    if (x.shape.dim_num != 4 || w.shape.dim_num != 4 || y.shape.dim_num != 4) return false;
+    for (int i = 0; i < 4; ++i)
+        if (a.pads[i] < 0 || a.pads[i] > 65535) return false;
+    int64_t dh = a.dilations[0], dw = a.dilations[1];
+    if (dh == 0 && dw == 0) dh = dw = 1;
+    if (dh < 1 || dw < 1 || dh > 65535 || dw > 65535) return false;
+    if (a.strides[0] < 1 || a.strides[1] < 1 || a.strides[0] > 65535 || a.strides[1] > 65535) return false;
+    const uint64_t N = x.shape.dims[0], C = x.shape.dims[1], H = x.shape.dims[2], W = x.shape.dims[3];
+    const uint64_t M = w.shape.dims[0], Cg = w.shape.dims[1], kh = w.shape.dims[2], kw = w.shape.dims[3];
+    if (C == 0 || M == 0 || kh == 0 || kw == 0 || N == 0) return false;
+    if (Cg * g != C || M % g != 0 || y.shape.dims[0] != N || y.shape.dims[1] != M) return false;
+    const uint64_t Hp = H + a.pads[0] + a.pads[2], Wp = W + a.pads[1] + a.pads[3];
+    const uint64_t kh_eff = (kh - 1) * dh + 1, kw_eff = (kw - 1) * dw + 1;
+    if (Hp < kh_eff || Wp < kw_eff || Hp > 65535 || Wp > 65535 || kh_eff > 65535 || kw_eff > 65535) return false;
+    const uint64_t OH = (Hp - kh_eff) / a.strides[0] + 1, OW = (Wp - kw_eff) / a.strides[1] + 1;
+    if (y.shape.dims[2] != OH || y.shape.dims[3] != OW) return false;
+    const uint64_t limit = uint64_t{1} << 30;
+    const uint64_t x_n = N * C * H * W, w_n = M * Cg * kh * kw, y_n = N * M * OH * OW;
+    // The scratch copy (and its offsets, 32-bit) of one group's padded input.
+    if (x_n > limit || w_n > limit || y_n > limit || Cg * Hp * (Wp + 64 * a.strides[1]) > limit) return false;
+    if (x.buf_len / sizeof(float) < x_n || w.buf_len / sizeof(float) < w_n || y.buf_len / sizeof(float) < y_n) {
+        return false;
+    }
+    const float *bias = nullptr;
+    if (b != nullptr) {
+        if (b->shape.dim_num != 1 || b->shape.dims[0] != M || b->buf == nullptr ||
+            b->buf_len / sizeof(float) < M) {
+            return false;
+        }
+        bias = static_cast<const float *>(b->buf);
+    }
+    if (overlaps(y.buf, y.buf_len, x.buf, x_n * sizeof(float)) ||
+        overlaps(y.buf, y.buf_len, w.buf, w_n * sizeof(float)) ||
+        (bias != nullptr && overlaps(y.buf, y.buf_len, bias, M * sizeof(float)))) {
+        return false;
+    }
+    const float *X = static_cast<const float *>(x.buf);
+    const float *Wt = static_cast<const float *>(w.buf);
+    // The kernel checks the input for infinities as it copies it when the
+    // filter is dilated, and refuses NaN results.
+    const bool dilated = (dh > 1 && kh > 1) || (dw > 1 && kw > 1);
+
+    const uint64_t y_bytes = y_n * sizeof(float);
+    if (y.buf_len > y_bytes) std::memset(static_cast<char *>(y.buf) + y_bytes, 0, y.buf_len - y_bytes);
+    const uint64_t Mg = M / g;
+    for (uint64_t n = 0; n < N; ++n) {
+        ConvArgs c;
+        c.x = X + n * C * H * W;
+        c.C = Cg;
+        c.H = H;
+        c.W = W;
+        c.x_row_stride = W;
+        c.x_plane_stride = H * W;
+        c.groups = g;
+        c.refuse_input = dilated ? 2 : 0;
+        c.refuse_nan_result = true;
+        c.x_group_stride = Cg * H * W;
+        c.y_group_stride = Mg * OH * OW;
+        for (int i = 0; i < 4; ++i) c.pads[i] = static_cast<size_t>(a.pads[i]);
+        c.w = Wt;
+        c.M = Mg;
+        c.kh = kh;
+        c.kw = kw;
+        c.sh = static_cast<size_t>(a.strides[0]);
+        c.sw = static_cast<size_t>(a.strides[1]);
+        c.dh = static_cast<size_t>(dh);
+        c.dw = static_cast<size_t>(dw);
+        c.bias = bias;
+        c.y = static_cast<float *>(y.buf) + n * M * OH * OW;
+        c.OH = OH;
+        c.OW = OW;
+        if (!conv_f32(c)) return false;
     }
     return true;
 }
@@ -413,6 +509,7 @@ NPU_API uint32_t conv_compute(OperatorContext *handle) {
     }
 
     // The groups accumulate into the output, so it starts at zero.
+    if (fast_conv(x, w, has_bias ? &b : nullptr, y, a, g)) return NPU_OK;
     std::memset(y.buf, 0, y.buf_len);
 
     Tensor *X = npucpu::conv::wrap(x.shape, x.dtype, x.format, x.buf);

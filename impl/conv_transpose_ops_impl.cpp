@@ -9,6 +9,8 @@
 
 #include "utils/conv_common.h"
 #include "npucpu.h"
+#include "utils/dispatch.h"
+#include "utils/fast_compute.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -330,6 +332,225 @@ uint32_t compute_one_group(const Tensor *input, const Tensor *filter, const Tens
     return result;
 }
 
+// ---- Fast path ----------------------------------------------------------
+//
+// Output pixel (oy, ox) of the literal computation is the chain over
+// (c, r, s) of the padded spread input at (oy + r, ox + s) times the
+// reversed dilated filter at (r, s). Only taps whose row r lands on a real
+// input row (oy + r - top a multiple of the stride) and on a real filter row
+// ((khd - 1 - r) a multiple of the dilation) can be non-zero, and for all
+// outputs of one phase (oy mod stride) they are the same arithmetic run of
+// r. Each phase is therefore an ordinary stride-1 convolution of the input
+// with a sub-filter, in the literal tap order; the skipped taps multiply an
+// exact zero by a finite value, which only changes the sign of a zero chain
+// that the final + 0.0f makes +0.0 anyway.
+
+// The taps r in [0, kd) with (r + phase - top) a multiple of stride and
+// (kd - 1 - r) a multiple of dilation: count, first, step (in r).
+struct TapRun {
+    int64_t count = 0, first = 0, step = 1;
+};
+
+TapRun tap_run(int64_t kd, int64_t phase, int64_t top, int64_t stride, int64_t dilation) {
+    TapRun t;
+    int64_t prev = -1;
+    for (int64_t r = 0; r < kd; ++r) {
+        const int64_t q = r + phase - top;
+        if (((q % stride) + stride) % stride != 0 || (kd - 1 - r) % dilation != 0) continue;
+        if (t.count == 0) t.first = r;
+        if (t.count == 1) t.step = r - prev;
+        prev = r;
+        ++t.count;
+    }
+    return t;
+}
+
+// Input offset (in the unspread input) of the first tap, for output phase
+// index 0: (phase + first - top) / stride, an exact division.
+int64_t first_offset(const TapRun &t, int64_t phase, int64_t top, int64_t stride) {
+    return (phase + t.first - top) / stride;
+}
+
+// The part of the fast path's work that needs scratch: packed weights of
+// one phase and, at strides above 1, one phase's output.
+struct FastScratch {
+    float *w = nullptr;
+    float *out = nullptr;
+    ~FastScratch() {
+        std::free(w);
+        std::free(out);
+    }
+};
+
+// Taken only where it gives the literal bits: NCHW four-dimensional operands
+// of the usual shapes, a 1-D bias of one value per output channel, strides,
+// dilations, pads and output paddings from 1 (strides, dilations) or 0 up to
+// 65535, non-negative padding of the spread input, a result plane equal to
+// the output plane, buffers covering the shapes, an output sharing no
+// memory with an input, no NaN result, and finite inputs and filters
+// whenever a stride or dilation above 1 makes the literal path multiply
+// spread zeros.
+// Every output element is written; the bytes of the buffer past them are
+// zero-filled as the literal path does. Returns false when the literal path
+// must run.
+bool fast_conv_transpose(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const npucpu::TensorInfo *b,
+                         const npucpu::TensorInfo &y, const TransposeAttrs &a, const Settings &st, uint32_t g) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled()) return false;
+    if (x.format != NPU_FORMAT_NCHW || w.format != NPU_FORMAT_NCHW) return false;
+    if (x.shape.dim_num != 4 || w.shape.dim_num != 4 || y.shape.dim_num != 4) return false;
+    for (int i = 0; i < 2; ++i) {
+        if (a.strides[i] < 1 || a.strides[i] > 65535 || a.dilations[i] < 1 || a.dilations[i] > 65535) return false;
+        if (a.output_padding[i] < 0 || a.output_padding[i] > 65535) return false;
+    }
+    for (int i = 0; i < 4; ++i)
+        if (st.pads[i] > 65535) return false;
+    const int64_t sh = st.strides[0], sw = st.strides[1], dh = st.dilations[0], dw = st.dilations[1];
+    const uint64_t N = x.shape.dims[0], C = x.shape.dims[1], H = x.shape.dims[2], W = x.shape.dims[3];
+    const uint64_t Mg = w.shape.dims[1], kh = w.shape.dims[2], kw = w.shape.dims[3];
+    const uint64_t M = Mg * g;
+    if (N == 0 || C == 0 || H == 0 || W == 0 || Mg == 0 || kh == 0 || kw == 0) return false;
+    if (w.shape.dims[0] != C || C % g != 0 || y.shape.dims[0] != N || y.shape.dims[1] != M) return false;
+    if (H > 65535 || W > 65535 || kh > 65535 || kw > 65535) return false;
+    const int64_t khd = (static_cast<int64_t>(kh) - 1) * dh + 1, kwd = (static_cast<int64_t>(kw) - 1) * dw + 1;
+    const int64_t top = khd - 1 - st.pads[0], left = kwd - 1 - st.pads[1];
+    const int64_t bottom = khd - 1 - st.pads[2] + st.output_padding[0];
+    const int64_t right = kwd - 1 - st.pads[3] + st.output_padding[1];
+    if (top < 0 || left < 0 || bottom < 0 || right < 0) return false;  // negative internal pads
+    const int64_t Hpad = static_cast<int64_t>(H - 1) * sh + 1 + top + bottom;
+    const int64_t Wpad = static_cast<int64_t>(W - 1) * sw + 1 + left + right;
+    if (Hpad < khd || Wpad < kwd) return false;
+    const int64_t OH = Hpad - khd + 1, OW = Wpad - kwd + 1;
+    if (static_cast<int64_t>(y.shape.dims[2]) != OH || static_cast<int64_t>(y.shape.dims[3]) != OW) return false;
+    const uint64_t limit = uint64_t{1} << 30;
+    const uint64_t x_n = N * C * H * W, w_n = C * Mg * kh * kw, y_n = N * M * OH * OW;
+    if (x_n > limit || w_n > limit || y_n > limit || OH > 65535 || OW > 65535) return false;
+    if (x.buf_len / sizeof(float) < x_n || w.buf_len / sizeof(float) < w_n || y.buf_len / sizeof(float) < y_n) {
+        return false;
+    }
+    const float *bias = nullptr;
+    if (b != nullptr) {
+        if (b->shape.dim_num != 1 || b->shape.dims[0] != M || b->buf == nullptr ||
+            b->buf_len / sizeof(float) < M) {
+            return false;
+        }
+        bias = static_cast<const float *>(b->buf);
+    }
+    if (overlaps(y.buf, y.buf_len, x.buf, x_n * sizeof(float)) ||
+        overlaps(y.buf, y.buf_len, w.buf, w_n * sizeof(float)) ||
+        (bias != nullptr && overlaps(y.buf, y.buf_len, bias, M * sizeof(float)))) {
+        return false;
+    }
+    const float *X = static_cast<const float *>(x.buf);
+    const float *Wt = static_cast<const float *>(w.buf);
+    const bool skips = sh > 1 || sw > 1 || dh > 1 || dw > 1;
+    // A NaN result makes the kernel refuse (see conv); with skips a pixel
+    // or a filter value may be met by zero taps only, so both must be finite.
+    if (skips && (any_non_finite(Wt, w_n) || any_non_finite(X, x_n))) return false;
+
+    const uint64_t y_bytes = y_n * sizeof(float);
+    if (y.buf_len > y_bytes) std::memset(static_cast<char *>(y.buf) + y_bytes, 0, y.buf_len - y_bytes);
+    const uint64_t Cg = C / g;
+    const uint64_t OHp_max = (OH + sh - 1) / sh, OWp_max = (OW + sw - 1) / sw;
+    FastScratch scratch;
+    scratch.w = static_cast<float *>(std::malloc(Mg * Cg * kh * kw * sizeof(float)));
+    if (scratch.w == nullptr) return false;
+    if (sh > 1 || sw > 1) {
+        scratch.out = static_cast<float *>(std::malloc(Mg * OHp_max * OWp_max * sizeof(float)));
+        if (scratch.out == nullptr) return false;
+    }
+    float *Y = static_cast<float *>(y.buf);
+    for (int64_t py = 0; py < sh && py < OH; ++py) {
+        const TapRun rr = tap_run(khd, py, top, sh, dh);
+        const int64_t OHp = (OH - py + sh - 1) / sh;
+        for (int64_t px = 0; px < sw && px < OW; ++px) {
+            const TapRun rs = tap_run(kwd, px, left, sw, dw);
+            const int64_t OWp = (OW - px + sw - 1) / sw;
+            for (uint64_t gi = 0; gi < g; ++gi) {
+                // Sub-filter of this phase, [Mg][Cg][nR][nS], in tap order.
+                const uint64_t nR = rr.count, nS = rs.count;
+                for (uint64_t m = 0; m < Mg; ++m)
+                    for (uint64_t c = 0; c < Cg; ++c)
+                        for (uint64_t i = 0; i < nR; ++i)
+                            for (uint64_t j = 0; j < nS; ++j) {
+                                const uint64_t kr = (khd - 1 - (rr.first + i * rr.step)) / dh;
+                                const uint64_t ks = (kwd - 1 - (rs.first + j * rs.step)) / dw;
+                                scratch.w[((m * Cg + c) * nR + i) * nS + j] =
+                                    Wt[(((gi * Cg + c) * Mg + m) * kh + kr) * kw + ks];
+                            }
+                for (uint64_t n = 0; n < N; ++n) {
+                    const bool direct = sh == 1 && sw == 1;
+                    float *out = direct ? Y + (n * M + gi * Mg) * OH * OW : scratch.out;
+                    const float *bias_g = bias != nullptr ? bias + gi * Mg : nullptr;
+                    if (nR == 0 || nS == 0) {
+                        // No tap reaches the input: (+0.0f + a chain of zeros) [+ bias].
+                        for (uint64_t m = 0; m < Mg; ++m)
+                            for (int64_t q = 0; q < OHp * OWp; ++q)
+                                out[m * OHp * OWp + q] = bias_g != nullptr ? 0.0f + bias_g[m] : 0.0f;
+                    } else {
+                        const int64_t oy0 = first_offset(rr, py, top, sh), ox0 = first_offset(rs, px, left, sw);
+                        // A single tap has no spacing; 1 keeps the kernel's arithmetic plain.
+                        const int64_t DH = rr.count > 1 ? rr.step / sh : 1, DW = rs.count > 1 ? rs.step / sw : 1;
+                        ConvArgs c;
+                        const float *xg = X + (n * C + gi * Cg) * H * W;
+                        // Rows from oy0 on (padding above when negative), enough below.
+                        const int64_t skip_r = oy0 > 0 ? oy0 : 0, skip_c = ox0 > 0 ? ox0 : 0;
+                        const int64_t h_avail = static_cast<int64_t>(H) > skip_r ? H - skip_r : 0;
+                        const int64_t w_avail = static_cast<int64_t>(W) > skip_c ? W - skip_c : 0;
+                        const int64_t pt = oy0 < 0 ? -oy0 : 0, pl = ox0 < 0 ? -ox0 : 0;
+                        const int64_t need_h = OHp + (static_cast<int64_t>(nR) - 1) * DH;
+                        const int64_t need_w = OWp + (static_cast<int64_t>(nS) - 1) * DW;
+                        c.x = xg + (h_avail > 0 ? skip_r * W : 0) + (w_avail > 0 ? skip_c : 0);
+                        c.C = Cg;
+                        c.H = static_cast<size_t>(h_avail < need_h ? h_avail : need_h);
+                        c.W = static_cast<size_t>(w_avail < need_w ? w_avail : need_w);
+                        c.x_row_stride = W;
+                        c.x_plane_stride = H * W;
+                        c.groups = 1;
+                        c.refuse_input = 0;
+                        c.refuse_nan_result = true;
+                        c.x_group_stride = 0;
+                        c.y_group_stride = 0;
+                        c.pads[0] = static_cast<size_t>(pt);
+                        c.pads[1] = static_cast<size_t>(pl);
+                        c.pads[2] = static_cast<size_t>(need_h - pt - static_cast<int64_t>(c.H) > 0
+                                                            ? need_h - pt - static_cast<int64_t>(c.H)
+                                                            : 0);
+                        c.pads[3] = static_cast<size_t>(need_w - pl - static_cast<int64_t>(c.W) > 0
+                                                            ? need_w - pl - static_cast<int64_t>(c.W)
+                                                            : 0);
+                        if (pt > need_h) c.H = 0;
+                        if (pl > need_w) c.W = 0;
+                        c.w = scratch.w;
+                        c.M = Mg;
+                        c.kh = nR;
+                        c.kw = nS;
+                        c.sh = 1;
+                        c.sw = 1;
+                        c.dh = static_cast<size_t>(DH);
+                        c.dw = static_cast<size_t>(DW);
+                        c.bias = bias_g;
+                        c.y = out;
+                        c.OH = static_cast<size_t>(OHp);
+                        c.OW = static_cast<size_t>(OWp);
+                        if (!conv_f32(c)) return false;
+                    }
+                    if (!direct) {
+                        for (uint64_t m = 0; m < Mg; ++m) {
+                            float *plane = Y + (n * M + gi * Mg + m) * OH * OW;
+                            const float *src = out + m * OHp * OWp;
+                            for (int64_t ty = 0; ty < OHp; ++ty)
+                                for (int64_t tx = 0; tx < OWp; ++tx)
+                                    plane[(py + ty * sh) * OW + px + tx * sw] = src[ty * OWp + tx];
+                        }
+                    }
+                }
+            }
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -518,6 +739,7 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
     }
 
     // The channels accumulate into the output, so it starts at zero.
+    if (fast_conv_transpose(x, w, has_bias ? &b : nullptr, y, a, s, g)) return NPU_OK;
     std::memset(y.buf, 0, y.buf_len);
 
     Tensor *X = npucpu::conv::wrap(x.shape, x.dtype, x.format, x.buf);

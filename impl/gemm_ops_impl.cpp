@@ -9,6 +9,8 @@
 #include <utility>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
+#include "utils/fast_compute.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -165,6 +167,44 @@ void zero_output(const npucpu::TensorInfo &y) {
     std::memset(y.buf, 0, n * sizeof(float));
 }
 
+// The fast path of compute, with the transpositions folded into the
+// kernel's packing instead of copied: taken only for two-dimensional
+// operands whose shapes agree with the output, buffers that cover them, an
+// output sharing no memory with an operand, and no NaN result (a NaN's
+// payload could depend on the operand order of an instruction; without NaN
+// results no NaN ever entered a chain). The output starts at zero, as in
+// the literal path. Returns false when the literal path must run.
+bool fast_compute(const npucpu::TensorInfo &a, const npucpu::TensorInfo &b, const npucpu::TensorInfo &y,
+                  bool trans_a, bool trans_b, const float *bias) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled()) return false;
+    if (a.shape.dim_num != kMatrixRank || b.shape.dim_num != kMatrixRank || y.shape.dim_num != kMatrixRank ||
+        y.format != NPU_FORMAT_MATRIX) {
+        return false;
+    }
+    const size_t M = trans_a ? a.shape.dims[1] : a.shape.dims[0];
+    const size_t K = trans_a ? a.shape.dims[0] : a.shape.dims[1];
+    const size_t Kb = trans_b ? b.shape.dims[1] : b.shape.dims[0];
+    const size_t N = trans_b ? b.shape.dims[0] : b.shape.dims[1];
+    if (Kb != K || y.shape.dims[0] != M || y.shape.dims[1] != N || M == 0 || N == 0) return false;
+    if (a.buf_len / sizeof(float) < M * K || b.buf_len / sizeof(float) < K * N ||
+        y.buf_len / sizeof(float) < M * N) {
+        return false;
+    }
+    const size_t mn = M * N * sizeof(float);
+    if (overlaps(y.buf, mn, a.buf, M * K * sizeof(float)) || overlaps(y.buf, mn, b.buf, K * N * sizeof(float))) {
+        return false;
+    }
+    const float *A = static_cast<const float *>(a.buf);
+    const float *B = static_cast<const float *>(b.buf);
+    std::memset(y.buf, 0, mn);
+    // A NaN anywhere (operand, bias, or made inside a chain) leaves some
+    // result NaN; the kernel then reports it and the literal path reruns.
+    GemmArgs g{M, N, K, A, trans_a ? 1 : K, trans_a ? M : 1, B, trans_b ? 1 : N, trans_b ? K : 1, bias,
+               static_cast<float *>(y.buf), true};
+    return gemm_f32(g);
+}
+
 }  // namespace
 
 extern "C" {
@@ -232,6 +272,10 @@ NPU_API uint32_t gemm_compute(OperatorContext *handle) {
 
     const bool trans_a = npucpu::attr_int(handle, "transA", 0) != 0;
     const bool trans_b = npucpu::attr_int(handle, "transB", 0) != 0;
+    if ((tmp.bias == nullptr || tmp.bias->data != nullptr) &&
+        fast_compute(a, b, y, trans_a, trans_b, tmp.bias != nullptr ? tmp.bias->data : nullptr)) {
+        return NPU_OK;
+    }
     uint32_t status = make_operand(a, trans_a, &tmp.a);
     if (status == NPU_OK) status = make_operand(b, trans_b, &tmp.b);
     if (status == NPU_ERR_UNSUPPORTED) {

@@ -10,6 +10,8 @@
 
 #include "npucpu.h"
 #include "convert.h"
+#include "dispatch.h"
+#include "fast_compute.h"
 #include "op_log.h"
 
 namespace {
@@ -20,11 +22,34 @@ constexpr uint32_t kLayoutMatrix = 3;
 // Matrix mode: out(MxN) accumulates a(MxK) * b(KxN), one fused multiply-add
 // per k in order, the running value stored back after every step; then the
 // bias element (or +0.0f) is added.
+// The fast variant is exact when no value is a NaN (a NaN's payload could
+// depend on which operand an instruction form favours; NaNs made inside the
+// chain are all the same default NaN) and the output shares no memory with
+// an operand (the literal loop reads operands it may already have written).
+bool gemm_matrix_fast(const Tensor *a, const Tensor *b, const Tensor *bias, Tensor *out, size_t M,
+                      size_t N, size_t K) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled() || N < 1) return false;
+    const size_t mn = M * N * sizeof(float);
+    if (overlaps(out->data, mn, a->data, M * K * sizeof(float)) ||
+        overlaps(out->data, mn, b->data, K * N * sizeof(float)) ||
+        (bias != nullptr && overlaps(out->data, mn, bias->data, mn))) {
+        return false;
+    }
+    if (any_nan(a->data, M * K) || any_nan(b->data, K * N) || any_nan(out->data, M * N) ||
+        (bias != nullptr && any_nan(bias->data, M * N))) {
+        return false;
+    }
+    GemmArgs g{M, N, K, a->data, K, 1, b->data, N, 1, bias != nullptr ? bias->data : nullptr, out->data, false};
+    return gemm_f32(g);
+}
+
 void gemm_matrix(const Tensor *a, const Tensor *b, const Tensor *bias, Tensor *out) {
     const size_t M = out->shape.dims[0];
     const size_t N = out->shape.dims[1];
     const size_t K = a->shape.dims[1];
     if (M < 1) return;
+    if (gemm_matrix_fast(a, b, bias, out, M, N, K)) return;
     const float *A = a->data;
     const float *B = b->data;
     float *C = out->data;
@@ -59,6 +84,82 @@ void gemm_conv(const Tensor *a, const Tensor *b, Tensor *out) {
             }
         }
     }
+}
+
+// Fast integer matmul over `batches` batches that all fit in out (the
+// literal loop's early stop never triggers). The operands are truncated
+// once; when every product and partial sum provably stays within 2^24 the
+// float unit computes the exact integer sums (a chain from +0.0 of exact
+// products, so a zero sum is +0.0 as the conversion of int 0 is), otherwise
+// 32-bit lanes wrap as the literal sum does. Returns false when the literal
+// loop must run (overlapping output, no memory).
+bool matmul_fast(const float *A, const float *B, float *out, size_t batches, bool a_batched, bool b_batched,
+                 size_t M, size_t N, size_t K) {
+    using namespace npucpu::fast;
+    if (!npucpu::fast_paths_enabled() || M == 0 || N == 0 || batches == 0) return false;
+    const size_t a_count = (a_batched ? batches : 1) * M * K;
+    const size_t b_count = (b_batched ? batches : 1) * K * N;
+    const size_t out_bytes = batches * M * N * sizeof(float);
+    if (overlaps(out, out_bytes, A, a_count * sizeof(float)) || overlaps(out, out_bytes, B, b_count * sizeof(float))) {
+        return false;
+    }
+    double max_a = 0.0, max_b = 0.0;
+    for (size_t i = 0; i < a_count; ++i) {
+        const double v = std::fabs(static_cast<double>(npucpu::saturate_trunc<int32_t>(A[i])));
+        if (v > max_a) max_a = v;
+    }
+    for (size_t i = 0; i < b_count; ++i) {
+        const double v = std::fabs(static_cast<double>(npucpu::saturate_trunc<int32_t>(B[i])));
+        if (v > max_b) max_b = v;
+    }
+    constexpr double kExact = 16777216.0;  // 2^24
+    const bool exact_float = max_a <= kExact && max_b <= kExact && max_a * max_b * static_cast<double>(K) <= kExact;
+
+    if (exact_float) {
+        float *af = static_cast<float *>(std::malloc((M * K > 0 ? M * K : 1) * sizeof(float)));
+        float *bf = static_cast<float *>(std::malloc((K * N > 0 ? K * N : 1) * sizeof(float)));
+        bool ok = af != nullptr && bf != nullptr;
+        for (size_t t = 0; t < batches && ok; ++t) {
+            if (t == 0 || a_batched) {
+                const float *src = A + (a_batched ? t * M * K : 0);
+                for (size_t i = 0; i < M * K; ++i) af[i] = static_cast<float>(npucpu::saturate_trunc<int32_t>(src[i]));
+            }
+            if (t == 0 || b_batched) {
+                const float *src = B + (b_batched ? t * K * N : 0);
+                for (size_t i = 0; i < K * N; ++i) bf[i] = static_cast<float>(npucpu::saturate_trunc<int32_t>(src[i]));
+            }
+            float *c = out + t * M * N;
+            std::memset(c, 0, M * N * sizeof(float));
+            GemmArgs g{M, N, K, af, K, 1, bf, N, 1, nullptr, c, false};
+            ok = gemm_f32(g);
+        }
+        std::free(af);
+        std::free(bf);
+        return ok;
+    }
+
+    // Integer lanes: A's rows padded to a multiple of 8, B's to 64 columns.
+    const size_t m_pad = (M + 7) / 8 * 8;
+    const size_t ldb = (N + 63) / 64 * 64;
+    int32_t *ai = static_cast<int32_t *>(std::calloc(m_pad * (K > 0 ? K : 1), sizeof(int32_t)));
+    int32_t *bi = static_cast<int32_t *>(std::calloc((K > 0 ? K : 1) * ldb, sizeof(int32_t)));
+    bool ok = ai != nullptr && bi != nullptr;
+    for (size_t t = 0; t < batches && ok; ++t) {
+        if (t == 0 || a_batched) {
+            const float *src = A + (a_batched ? t * M * K : 0);
+            for (size_t i = 0; i < M * K; ++i) ai[i] = npucpu::saturate_trunc<int32_t>(src[i]);
+        }
+        if (t == 0 || b_batched) {
+            const float *src = B + (b_batched ? t * K * N : 0);
+            for (size_t k = 0; k < K; ++k)
+                for (size_t n = 0; n < N; ++n) bi[k * ldb + n] = npucpu::saturate_trunc<int32_t>(src[k * N + n]);
+        }
+        MatmulArgs m{M, N, K, ai, bi, ldb, out + t * M * N};
+        ok = matmul_i32(m);
+    }
+    std::free(ai);
+    std::free(bi);
+    return ok;
 }
 
 // The NOTSET output size: numerator / stride in double, truncated or rounded
@@ -198,6 +299,10 @@ NPU_API uint32_t matmul(const Tensor *a, const Tensor *b, Tensor *out) {
     if (ra > 2 && static_cast<size_t>(batch_a) < batches) batches = batch_a;
     if (rb > 2 && static_cast<size_t>(batch_b) < batches) batches = batch_b;
     const size_t out_count = GetElemSize(&out->shape);
+    if (batches * M * N <= out_count &&
+        matmul_fast(a->data, b->data, out->data, batches, ra > 2, rb > 2, M, N, K)) {
+        return NPU_OK;
+    }
 
     for (size_t t = 0; t < batches; ++t) {
         const float *A = a->data + (ra > 2 ? t * M * K : 0);
