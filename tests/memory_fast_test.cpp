@@ -1,0 +1,156 @@
+// The fast paths of the memory-bound operators against their literal paths:
+// every output byte equal over swept shapes and attributes, with inputs full
+// of special values (NaN, infinities, signed zeros, subnormals, ties).
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "npucpu.h"
+#include "test_util.h"
+#include "utils/dispatch.h"
+
+namespace {
+
+using npucpu_test::Ctx;
+using npucpu_test::shape_of;
+using Isa = npucpu::Isa;
+
+#if defined(NPUCPU_SANITIZE_BUILD)
+constexpr int kScale = 8;  // sweeps shrink under the sanitizers
+#else
+constexpr int kScale = 1;
+#endif
+
+// Random floats with a share of special values and many ties.
+std::vector<float> special_floats(size_t n, uint32_t seed) {
+    static const float kSpecial[] = {
+        0.0f, -0.0f, std::numeric_limits<float>::quiet_NaN(), -std::numeric_limits<float>::quiet_NaN(),
+        std::numeric_limits<float>::infinity(), -std::numeric_limits<float>::infinity(),
+        std::numeric_limits<float>::denorm_min(), -std::numeric_limits<float>::denorm_min(),
+        std::numeric_limits<float>::min(), std::numeric_limits<float>::max(),
+        -std::numeric_limits<float>::max(), 1.0f, -1.0f, 2.5f};
+    std::mt19937 rng(seed);
+    std::vector<float> v(n);
+    for (auto &x : v) {
+        const uint32_t pick = rng() % 8;
+        if (pick == 0) {
+            x = kSpecial[rng() % (sizeof kSpecial / sizeof kSpecial[0])];
+        } else if (pick == 1) {
+            x = static_cast<float>(static_cast<int>(rng() % 5) - 2);  // ties
+        } else {
+            x = std::ldexp(static_cast<float>(static_cast<int32_t>(rng() % 2000001) - 1000000),
+                           static_cast<int>(rng() % 24) - 20);
+        }
+    }
+    return v;
+}
+
+// Runs `call` on the literal path and on the fast path; both must write the
+// same bytes into each output (which start from the same fill).
+struct Outputs {
+    std::vector<std::vector<char>> bytes;
+    uint32_t status = 0;
+};
+
+void expect_same(const std::string &what, const std::function<Outputs()> &call) {
+    npucpu::testing::force_isa(npucpu::Isa::Literal);
+    const Outputs literal = call();
+    npucpu::testing::clear_forced_isa();
+    const Isa best = npucpu::cpu_features().best;
+    for (uint32_t level = 1; level <= static_cast<uint32_t>(best); ++level) {
+        npucpu::testing::force_isa(static_cast<npucpu::Isa>(level));
+        const Outputs fast = call();
+        npucpu::testing::clear_forced_isa();
+        ASSERT_EQ(fast.status, literal.status) << what << " level " << level;
+        ASSERT_EQ(fast.bytes.size(), literal.bytes.size());
+        for (size_t o = 0; o < fast.bytes.size(); ++o) {
+            const auto &a = literal.bytes[o];
+            const auto &b = fast.bytes[o];
+            ASSERT_EQ(a.size(), b.size()) << what;
+            if (std::memcmp(a.data(), b.data(), a.size()) == 0) continue;
+            size_t i = 0;
+            while (i + 4 <= a.size() && std::memcmp(&a[i], &b[i], 4) == 0) i += 4;
+            uint32_t x = 0, y = 0;
+            std::memcpy(&x, &a[i], std::min<size_t>(4, a.size() - i));
+            std::memcpy(&y, &b[i], std::min<size_t>(4, b.size() - i));
+            FAIL() << what << " level " << level << ": output " << o << " differs at element "
+                   << i / 4 << ": literal 0x" << std::hex << x << ", fast 0x" << y;
+        }
+    }
+}
+// Allocates every output from infershape (with a fill pattern), runs compute.
+Outputs run_op(Ctx &c, uint32_t outputs, uint32_t (*infer)(OperatorContext *),
+               uint32_t (*compute)(OperatorContext *)) {
+    Outputs r;
+    r.status = infer(c.h);
+    if (r.status != NPU_OK) return r;
+    r.bytes.resize(outputs);
+    for (uint32_t i = 0; i < outputs; ++i) {
+        TensorShape s{};
+        uint32_t dtype = 0;
+        qv_kel_custom_get_output_shape_by_index(c.h, i, &s);
+        qv_kel_custom_get_output_dtype_by_index(c.h, i, &dtype);
+        r.bytes[i].assign(static_cast<size_t>(GetElemSize(&s)) * get_dtype_size(dtype) + 4, '\x5a');
+        qv_kel_custom_set_output_buf_by_index(c.h, i, r.bytes[i].data(), r.bytes[i].size() - 4);
+    }
+    r.status = compute(c.h);
+    return r;
+}
+
+// ---- Pooling ----------------------------------------------------------------
+
+// Absent optional attributes log through the getters; keep the test quiet.
+class MemoryFast : public ::testing::Test {
+protected:
+    void SetUp() override {
+        level_ = get_log_level();
+        set_log_level(5);
+    }
+    void TearDown() override { set_log_level(level_); }
+    uint32_t level_ = 0;
+};
+
+TEST_F(MemoryFast, PoolingMatchesLiteral) {
+    std::mt19937 rng(1);
+    const int cases = 400 / kScale;
+    for (int t = 0; t < cases; ++t) {
+        const bool is_max = t % 2 == 0;
+        const uint32_t N = 1 + rng() % 2, C = 1 + rng() % 3;
+        const uint32_t H = 1 + rng() % 20, W = 1 + rng() % 40;
+        std::vector<int64_t> pads(4);
+        for (auto &p : pads) p = static_cast<int64_t>(rng() % 3);
+        // Kernels inside the padded plane (a larger one makes the literal
+        // walk run until the output is full).
+        const int64_t kh = 1 + rng() % std::min<int64_t>(4, H + pads[0] + pads[2]);
+        const int64_t kw = 1 + rng() % std::min<int64_t>(4, W + pads[1] + pads[3]);
+        const int64_t sh = 1 + rng() % 3, sw = 1 + rng() % 3;
+        const int64_t include = rng() % 2;
+        const uint32_t outputs = is_max ? 1 + rng() % 2 : 1;
+        std::vector<float> x = special_floats(static_cast<size_t>(N) * C * H * W, t);
+        const std::string what = std::string(is_max ? "maxpool" : "averagepool") + " case " +
+                                 std::to_string(t);
+        expect_same(what, [&] {
+            Ctx c(1, outputs, 6);
+            c.input(0, shape_of({N, C, H, W}), x);
+            c.attr_ints(0, "kernel_shape", {kh, kw});
+            c.attr_ints(1, "strides", {sh, sw});
+            c.attr_ints(2, "pads", pads);
+            c.attr_string(3, "auto_pad", "NOTSET");
+            c.attr_ints(4, "dilations", {1, 1});
+            c.attr_int(5, "count_include_pad", include);
+            return is_max ? run_op(c, outputs, maxpool_infershape, maxpool_compute)
+                          : run_op(c, outputs, averagepool_infershape, averagepool_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
+}  // namespace
