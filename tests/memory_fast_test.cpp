@@ -153,4 +153,23 @@ TEST_F(MemoryFast, PoolingMatchesLiteral) {
     }
 }
 
+// ---- Global average pooling -------------------------------------------------
+
+TEST_F(MemoryFast, GlobalAveragePoolMatchesLiteral) {
+    std::mt19937 rng(2);
+    for (int t = 0; t < 200 / kScale; ++t) {
+        const uint32_t N = 1 + rng() % 2, C = 1 + rng() % 20;
+        const uint32_t H = 1 + rng() % 9, W = 1 + rng() % 9;
+        std::vector<float> x = special_floats(static_cast<size_t>(N) * C * H * W, 100 + t);
+        // Short input buffers make the literal cut the last planes.
+        const uint64_t len = (t % 5 == 0 ? x.size() - rng() % (H * W) : x.size()) * 4;
+        expect_same("global_averagepool case " + std::to_string(t), [&] {
+            Ctx c(1, 1);
+            c.input(0, shape_of({N, C, H, W}), x.data(), len);
+            return run_op(c, 1, global_averagepool_infershape, global_averagepool_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
