@@ -214,7 +214,7 @@ TEST_F(MemoryFast, VectorExpMatchesPlatformExpOnASample) {
 }
 
 // The proof over all 2^32 inputs; run once by hand (a few minutes):
-//   build/tests/test_memory_fast --gtest_also_run_disabled_tests \
+//   build/tests/test_memory_fast --gtest_also_run_disabled_tests
 //       --gtest_filter='*VectorExpMatchesPlatformExpOnAllFloats*'
 TEST_F(MemoryFast, DISABLED_VectorExpMatchesPlatformExpOnAllFloats) {
     if (npucpu::cpu_features().best < Isa::Avx2) GTEST_SKIP() << "no AVX2";
