@@ -244,4 +244,40 @@ TEST_F(MemoryFast, SoftmaxMatchesLiteral) {
     }
 }
 
+// ---- Resize -----------------------------------------------------------------
+
+TEST_F(MemoryFast, ResizeMatchesLiteral) {
+    static const char *const kModes[] = {"linear", "cubic"};
+    static const char *const kCoordinates[] = {"half_pixel", "pytorch_half_pixel", "align_corners",
+                                               "asymmetric", "tf_half_pixel_for_nn",
+                                               "tf_crop_and_resize"};
+    std::mt19937 rng(4);
+    for (int t = 0; t < 160 / kScale; ++t) {
+        const uint32_t C = 1 + rng() % 3, H = 1 + rng() % 12, W = 1 + rng() % 12;
+        const uint32_t OH = 1 + rng() % 30, OW = 1 + rng() % 40;
+        const char *mode = kModes[t % 2];
+        const char *coordinate = kCoordinates[rng() % 6];
+        const float a = t % 5 == 0 ? -0.5f : -0.75f;
+        std::vector<float> x = special_floats(static_cast<size_t>(C) * H * W, 400 + t);
+        if (t % 4 == 1) {
+            for (auto &v : x) v = static_cast<float>(rng() % 1000) / 7.0f;  // no specials
+        }
+        std::vector<int64_t> sizes = {1, C, OH, OW};
+        std::vector<float> roi = {0, 0, 0.1f, 0.2f, 1, 1, 0.9f, 0.7f};
+        const std::string what = std::string("resize ") + mode + " " + coordinate + " case " +
+                                 std::to_string(t);
+        expect_same(what, [&] {
+            Ctx c(4, 1, 3);
+            c.input(0, shape_of({1, C, H, W}), x);
+            c.input(1, shape_of({8}), roi);
+            c.input(3, shape_of({4}), sizes.data(), sizes.size() * 8, NPU_DTYPE_INT64);
+            c.attr_string(0, "mode", mode);
+            c.attr_string(1, "coordinate_transformation_mode", coordinate);
+            c.attr_float(2, "cubic_coeff_a", a);
+            return run_op(c, 1, resize_infershape, resize_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
