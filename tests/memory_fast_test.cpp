@@ -280,4 +280,46 @@ TEST_F(MemoryFast, ResizeMatchesLiteral) {
     }
 }
 
+// ---- Top-k ------------------------------------------------------------------
+
+TEST_F(MemoryFast, TopkMatchesLiteral) {
+    std::mt19937 rng(5);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const bool ints = t % 3 == 2;
+        const uint32_t d0 = 1 + rng() % 4, d1 = 1 + rng() % 60, d2 = 1 + rng() % 3;
+        const size_t count = static_cast<size_t>(d0) * d1 * d2;
+        std::vector<float> x = special_floats(count, 500 + t);
+        if (t % 3 == 1) {
+            // Few NaN: most slices take the selection.
+            for (auto &v : x) {
+                if (v != v && rng() % 8 != 0) v = static_cast<float>(rng() % 7);
+            }
+        }
+        if (ints) {
+            // Integers: mostly small with ties, sometimes spread beyond 2^31.
+            std::vector<int32_t> iv(count);
+            const bool wide = rng() % 3 == 0;
+            for (auto &v : iv) {
+                v = wide ? static_cast<int32_t>(rng()) : static_cast<int32_t>(rng() % 9) - 4;
+            }
+            std::memcpy(x.data(), iv.data(), count * 4);
+        }
+        const int64_t k = t % 10 == 0 ? 70 : 1 + static_cast<int64_t>(rng() % 12);
+        const int64_t axis = static_cast<int64_t>(rng() % 3) - (t % 2 == 0 ? 3 : 0);
+        const int64_t largest = rng() % 2, sorted = rng() % 2;
+        const uint64_t len = (t % 11 == 0 ? count - 1 : count) * 4;
+        expect_same("topk case " + std::to_string(t), [&] {
+            Ctx c(2, 2, 3);
+            c.input(0, shape_of({d0, d1, d2}), x.data(), len,
+                    ints ? NPU_DTYPE_INT32 : NPU_DTYPE_FLOAT32);
+            c.input(1, shape_of({1}), const_cast<int64_t *>(&k), 8, NPU_DTYPE_INT64);
+            c.attr_int(0, "axis", axis);
+            c.attr_int(1, "largest", largest);
+            c.attr_int(2, "sorted", sorted);
+            return run_op(c, 2, topk_infershape, topk_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
