@@ -322,4 +322,30 @@ TEST_F(MemoryFast, TopkMatchesLiteral) {
     }
 }
 
+// ---- Transpose --------------------------------------------------------------
+
+TEST_F(MemoryFast, TransposeMatchesLiteral) {
+    std::mt19937 rng(6);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 5;
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &d : dims) {
+            d = 1 + rng() % (rank <= 2 ? 40 : 11);
+            count *= d;
+        }
+        std::vector<int64_t> perm(rank);
+        for (uint32_t i = 0; i < rank; ++i) perm[i] = i;
+        std::shuffle(perm.begin(), perm.end(), rng);
+        std::vector<float> x = special_floats(count, 600 + t);
+        expect_same("transpose case " + std::to_string(t), [&] {
+            Ctx c(1, 1, 1);
+            c.input(0, shape_of(dims), x);
+            c.attr_ints(0, "perm", perm);
+            return run_op(c, 1, transpose_infershape, transpose_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
