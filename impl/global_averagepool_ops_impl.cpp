@@ -7,6 +7,14 @@
 
 namespace {
 
+// The literal plane mean: float sum in index order from +0.0; a plane of no
+// elements gives 0 / 0.
+float plane_mean(const float *x, uint64_t n, uint32_t spatial) {
+    float sum = 0.0f;
+    for (uint64_t j = 0; j < n; ++j) sum += x[j];
+    return sum / static_cast<float>(spatial);
+}
+
 // The fast path, where every plane the literal loop visits lies wholly
 // inside the input buffer: the same sums, eight planes at a time.
 bool fast_means(OperatorContext *handle) {
@@ -23,7 +31,7 @@ bool fast_means(OperatorContext *handle) {
     if (planes * spatial > in.buf_len / sizeof(float)) return false;
     std::memset(out.buf, 0, out.buf_len);
     npucpu::plane_means_avx2(static_cast<const float *>(in.buf), planes, spatial,
-                             static_cast<float *>(out.buf));
+                             static_cast<float *>(out.buf), plane_mean);
     return true;
 }
 
@@ -41,12 +49,7 @@ NPU_API uint32_t global_averagepool_check_supported(OperatorContext *handle) {
 
 NPU_API uint32_t global_averagepool_compute(OperatorContext *handle) {
     if (fast_means(handle)) return NPU_OK;
-    return npucpu::global_pool_compute(handle, [](const float *x, uint64_t n, uint32_t spatial) {
-        // Float sum in index order from +0.0; a plane of no elements gives 0 / 0.
-        float sum = 0.0f;
-        for (uint64_t j = 0; j < n; ++j) sum += x[j];
-        return sum / static_cast<float>(spatial);
-    });
+    return npucpu::global_pool_compute(handle, plane_mean);
 }
 
 }  // extern "C"

@@ -9,7 +9,11 @@
 namespace npucpu {
 
 // y[p] = (x[p*n] + ... + x[p*n + n - 1]) / float(n) for p < planes; n > 0.
-void plane_means_avx2(const float *x, uint64_t planes, uint32_t n, float *y);
+// A plane whose running sum, a NaN, meets a NaN element takes
+// y[p] = literal(x + p*n, n, n) instead: addition commutes, so which NaN
+// survives is the compiler's choice in each loop.
+void plane_means_avx2(const float *x, uint64_t planes, uint32_t n, float *y,
+                      float (*literal)(const float *, uint64_t, uint32_t));
 
 }  // namespace npucpu
 

@@ -14,7 +14,7 @@ constexpr float kMaxStart = std::numeric_limits<float>::min();
 
 }  // namespace
 
-void pool_max_row_portable(const PoolRowArgs &r) {
+bool pool_max_row_portable(const PoolRowArgs &r) {
     for (uint32_t j = 0; j < r.count; ++j) {
         float best = kMaxStart;
         uint32_t pos = 0;
@@ -31,21 +31,26 @@ void pool_max_row_portable(const PoolRowArgs &r) {
         r.y[j] = best;
         if (r.positions != nullptr) r.positions[j] = pos;
     }
+    return true;
 }
 
-void pool_avg_row_portable(const PoolRowArgs &r) {
+bool pool_avg_row_portable(const PoolRowArgs &r) {
     for (uint32_t j = 0; j < r.count; ++j) {
         float sum = 0.0f;
         const uint32_t col = j * r.stride_w;
         for (uint32_t k = 0; k < r.row_count; ++k) {
             const float *row = r.rows[k] + col;
-            for (uint32_t dq = 0; dq < r.kernel_w; ++dq) sum += row[dq];
+            for (uint32_t dq = 0; dq < r.kernel_w; ++dq) {
+                if (sum != sum && row[dq] != row[dq]) return false;
+                sum += row[dq];
+            }
         }
         r.y[j] = sum / r.divisor;
     }
+    return true;
 }
 
-void pool_fast_run(const PoolFastArgs &a) {
+bool pool_fast_run(const PoolFastArgs &a) {
     const bool is_max = a.kind == PoolFastKind::Max;
     const uint32_t Hp = a.height + a.top + a.bottom;
     const uint32_t Wp = a.width + a.left + a.right;
@@ -62,7 +67,8 @@ void pool_fast_run(const PoolFastArgs &a) {
            static_cast<uint64_t>(hi) * a.stride_w + a.kernel_w <= static_cast<uint64_t>(a.left) + a.width) {
         ++hi;
     }
-    void (*interior)(const PoolRowArgs &) = is_max ? pool_max_row_portable : pool_avg_row_portable;
+    bool clash = false;
+    bool (*interior)(const PoolRowArgs &) = is_max ? pool_max_row_portable : pool_avg_row_portable;
     if (active_isa() >= Isa::Avx2) interior = is_max ? pool_max_row_avx2 : pool_avg_row_avx2;
 
     std::vector<const float *> rows(a.kernel_h);
@@ -104,6 +110,7 @@ void pool_fast_run(const PoolFastArgs &a) {
                             best = gt ? v : best;
                             at = gt ? row_index[k] + q0 + dq : at;
                         } else {
+                            clash |= best != best && v != v;
                             best += v;
                         }
                     }
@@ -130,13 +137,15 @@ void pool_fast_run(const PoolFastArgs &a) {
                                   ? full_count
                                   : static_cast<float>(static_cast<int32_t>(n * a.kernel_w)),
                               y + lo, pos != nullptr ? pos + lo : nullptr};
-                interior(r);
+                if (!interior(r)) return false;
             }
             for (uint32_t ox = hi; ox < out_w; ++ox) edge(ox);
+            if (clash) return false;
             y += out_w;
             if (pos != nullptr) pos += out_w;
         }
     }
+    return true;
 }
 
 }  // namespace npucpu

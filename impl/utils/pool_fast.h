@@ -33,8 +33,11 @@ inline uint32_t pool_fast_windows(uint32_t padded, uint32_t kernel, uint32_t str
     return (padded - kernel) / stride + 1;
 }
 
-// Writes every window's result in the literal order.
-void pool_fast_run(const PoolFastArgs &a);
+// Writes every window's result in the literal order and returns true; or
+// returns false (output partly written) where an average's running sum, a
+// NaN, meets a NaN element: addition commutes, so which NaN survives is the
+// compiler's choice in each loop, and only the literal walk fixes it.
+bool pool_fast_run(const PoolFastArgs &a);
 
 // One output row segment [first, first + count) of windows that lie wholly
 // inside the data columns: rows[k] are the data rows of the window (input
@@ -50,10 +53,11 @@ struct PoolRowArgs {
     float *y;
     uint32_t *positions;
 };
-void pool_max_row_portable(const PoolRowArgs &r);
-void pool_avg_row_portable(const PoolRowArgs &r);
-void pool_max_row_avx2(const PoolRowArgs &r);
-void pool_avg_row_avx2(const PoolRowArgs &r);
+// Each returns false where the average met NaN with NaN (see pool_fast_run).
+bool pool_max_row_portable(const PoolRowArgs &r);
+bool pool_avg_row_portable(const PoolRowArgs &r);
+bool pool_max_row_avx2(const PoolRowArgs &r);
+bool pool_avg_row_avx2(const PoolRowArgs &r);
 
 }  // namespace npucpu
 

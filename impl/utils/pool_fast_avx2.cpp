@@ -100,7 +100,7 @@ void max_row(const PoolRowArgs &r) {
 
 }  // namespace
 
-void pool_max_row_avx2(const PoolRowArgs &r) {
+bool pool_max_row_avx2(const PoolRowArgs &r) {
     if (r.count < 8) {
         pool_max_row_portable(r);
     } else if (r.positions != nullptr) {
@@ -108,13 +108,11 @@ void pool_max_row_avx2(const PoolRowArgs &r) {
     } else {
         max_row<false>(r);
     }
+    return true;
 }
 
-void pool_avg_row_avx2(const PoolRowArgs &r) {
-    if (r.count < 8) {
-        pool_avg_row_portable(r);
-        return;
-    }
+bool pool_avg_row_avx2(const PoolRowArgs &r) {
+    if (r.count < 8) return pool_avg_row_portable(r);
     const uint32_t s = r.stride_w;
     const __m256i lanes = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
     const __m256i offsets = _mm256_mullo_epi32(lanes, _mm256_set1_epi32(static_cast<int>(s)));
@@ -123,14 +121,20 @@ void pool_avg_row_avx2(const PoolRowArgs &r) {
         const uint32_t j = j0 + 8 <= r.count ? j0 : r.count - 8;
         const uint32_t col = j * s;
         __m256 sum = _mm256_setzero_ps();
+        __m256 clash = _mm256_setzero_ps();
         for (uint32_t k = 0; k < r.row_count; ++k) {
             const float *row = r.rows[k] + col;
             for (uint32_t dq = 0; dq < r.kernel_w; ++dq) {
-                sum = _mm256_add_ps(sum, load_strided(row + dq, s, offsets));
+                const __m256 v = load_strided(row + dq, s, offsets);
+                clash = _mm256_or_ps(clash, _mm256_and_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q),
+                                                          _mm256_cmp_ps(v, v, _CMP_UNORD_Q)));
+                sum = _mm256_add_ps(sum, v);
             }
         }
+        if (_mm256_movemask_ps(clash) != 0) return false;
         _mm256_storeu_ps(r.y + j, _mm256_div_ps(sum, divisor));
     }
+    return true;
 }
 
 }  // namespace npucpu

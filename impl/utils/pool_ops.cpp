@@ -53,6 +53,8 @@ uint32_t declared_outputs(OperatorContext *handle) {
 // padded plane (so the literal's end-of-tensor checks never apply), every
 // count inside 32 bits, and outputs that hold every window. Output 0 is
 // already zero-filled; only its tail past the windows keeps those zeros.
+// When the fast walk gives up part way (see pool_fast_run), the literal walk
+// rewrites every window and output 0 keeps the same zero tail.
 bool try_fast_walk(PoolFastKind kind, const TensorInfo &in, const uint32_t strides[2],
                    const uint32_t kernel_hw[2], const uint32_t pads[4], uint32_t count_include_pad,
                    const TensorInfo &out, const TensorInfo &positions) {
@@ -95,8 +97,7 @@ bool try_fast_walk(PoolFastKind kind, const TensorInfo &in, const uint32_t strid
     a.count_include_pad = count_include_pad;
     a.y = static_cast<float *>(out.buf);
     a.positions = with_positions ? static_cast<uint32_t *>(positions.buf) : nullptr;
-    pool_fast_run(a);
-    return true;
+    return pool_fast_run(a);
 }
 
 }  // namespace

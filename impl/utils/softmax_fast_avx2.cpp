@@ -1,7 +1,10 @@
 #include <immintrin.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+
+#include "npucpu.h"
 
 #include "softmax_fast.h"
 
@@ -101,9 +104,7 @@ void exp_of_differences(const float *x, float m, float *e, uint32_t n) {
     }
 }
 
-// sum + e with the sum as the first operand, as the literal loop is built:
-// where both are NaN, the sum's NaN is the result. (A plain `+` leaves the
-// operand order, and so the NaN kept, to the compiler.)
+// sum + e (where both could be NaN the row goes to the literal routine).
 inline float add_sum_first(float sum, float e) {
     return _mm_cvtss_f32(_mm_add_ss(_mm_set_ss(sum), _mm_set_ss(e)));
 }
@@ -164,30 +165,56 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
             const float *row = x + (r0 + g) * len;
             exp_of_differences(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
         }
-        // Each row's sum in index order: eight rows side by side.
+        // Each row's sum in index order: eight rows side by side. A row
+        // whose running sum, a NaN, meets a NaN term is redone by the literal
+        // routine: addition commutes, so which NaN survives is the compiler's
+        // choice in each loop.
         alignas(32) float sums[8];
+        int clash = 0;
         if (group == 8) {
             __m256 sum = _mm256_setzero_ps();
+            __m256 met = _mm256_setzero_ps();
             uint32_t k = 0;
             for (; k + 8 <= len; k += 8) {
                 __m256 t[8];
                 for (int g = 0; g < 8; ++g) t[g] = _mm256_loadu_ps(scratch + static_cast<uint64_t>(g) * len + k);
                 transpose8(t);
-                for (int i = 0; i < 8; ++i) sum = _mm256_add_ps(sum, t[i]);
+                for (int i = 0; i < 8; ++i) {
+                    met = _mm256_or_ps(met, _mm256_and_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q),
+                                                          _mm256_cmp_ps(t[i], t[i], _CMP_UNORD_Q)));
+                    sum = _mm256_add_ps(sum, t[i]);
+                }
             }
             _mm256_store_ps(sums, sum);
+            clash = _mm256_movemask_ps(met);
             for (; k < len; ++k) {
-                for (int g = 0; g < 8; ++g) sums[g] = add_sum_first(sums[g], scratch[static_cast<uint64_t>(g) * len + k]);
+                for (int g = 0; g < 8; ++g) {
+                    const float e = scratch[static_cast<uint64_t>(g) * len + k];
+                    if (sums[g] != sums[g] && e != e) clash |= 1 << g;
+                    sums[g] = add_sum_first(sums[g], e);
+                }
             }
         } else {
             for (uint32_t g = 0; g < group; ++g) {
                 float s = 0.0f;
                 const float *e = scratch + static_cast<uint64_t>(g) * len;
-                for (uint32_t k = 0; k < len; ++k) s = add_sum_first(s, e[k]);
+                for (uint32_t k = 0; k < len; ++k) {
+                    if (s != s && e[k] != e[k]) clash |= 1 << g;
+                    s = add_sum_first(s, e[k]);
+                }
                 sums[g] = s;
             }
         }
         for (uint32_t g = 0; g < group; ++g) {
+            if ((clash & (1 << g)) == 0) continue;
+            float *result = basic_softmax(x + (r0 + g) * len, len);
+            if (result != nullptr) {
+                std::memcpy(y + (r0 + g) * len, result, sizeof(float) * len);
+                std::free(result);
+            }
+        }
+        for (uint32_t g = 0; g < group; ++g) {
+            if (clash & (1 << g)) continue;
             const float *e = scratch + static_cast<uint64_t>(g) * len;
             float *out = y + (r0 + g) * len;
             const __m256 s = _mm256_set1_ps(sums[g]);
