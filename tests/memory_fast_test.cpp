@@ -404,4 +404,36 @@ TEST_F(MemoryFast, BinaryArithmeticMatchesLiteral) {
     }
 }
 
+// ---- Pad ----------------------------------------------------------------------
+
+TEST_F(MemoryFast, PadMatchesLiteral) {
+    static const char *const kModes[] = {"constant", "reflect", "edge"};
+    std::mt19937 rng(8);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        const bool bytes = t % 4 == 3;  // 1-byte elements
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &v : dims) {
+            v = 1 + rng() % 7;
+            count *= v;
+        }
+        std::vector<int64_t> pads(2 * rank);
+        for (auto &v : pads) v = static_cast<int64_t>(rng() % 5) - 1;  // -1 crops
+        const char *mode = kModes[rng() % 3];
+        std::vector<float> x = special_floats(count, 1000 + t);
+        float constant = 7.25f;
+        expect_same(std::string("pad ") + mode + " case " + std::to_string(t), [&] {
+            Ctx c(3, 1, 1);
+            c.input(0, shape_of(dims), x.data(), count * (bytes ? 1 : 4),
+                    bytes ? NPU_DTYPE_INT8 : NPU_DTYPE_FLOAT32);
+            c.input(1, shape_of({2 * rank}), pads.data(), pads.size() * 8, NPU_DTYPE_INT64);
+            c.input(2, shape_of({1}), &constant, 4, bytes ? NPU_DTYPE_INT8 : NPU_DTYPE_FLOAT32);
+            c.attr_string(0, "mode", mode);
+            return run_op(c, 1, pad_infershape, pad_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
