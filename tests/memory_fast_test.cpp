@@ -436,4 +436,39 @@ TEST_F(MemoryFast, PadMatchesLiteral) {
     }
 }
 
+// ---- Slice --------------------------------------------------------------------
+
+TEST_F(MemoryFast, SliceMatchesLiteral) {
+    std::mt19937 rng(9);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &v : dims) {
+            v = 1 + rng() % 9;
+            count *= v;
+        }
+        std::vector<int64_t> starts(rank), ends(rank), axes(rank), steps(rank);
+        for (uint32_t d = 0; d < rank; ++d) {
+            const int64_t n = dims[d];
+            starts[d] = static_cast<int64_t>(rng() % (2 * n + 3)) - n - 1;
+            ends[d] = static_cast<int64_t>(rng() % (2 * n + 3)) - n - 1;
+            if (rng() % 4 == 0) ends[d] = rng() % 2 ? INT64_MAX : INT64_MIN;
+            steps[d] = static_cast<int64_t>(1 + rng() % 3) * (rng() % 3 == 0 ? -1 : 1);
+            axes[d] = d;
+        }
+        std::vector<float> x = special_floats(count, 1100 + t);
+        expect_same("slice case " + std::to_string(t), [&] {
+            Ctx c(5, 1);
+            c.input(0, shape_of(dims), x);
+            c.input(1, shape_of({rank}), starts.data(), rank * 8, NPU_DTYPE_INT64);
+            c.input(2, shape_of({rank}), ends.data(), rank * 8, NPU_DTYPE_INT64);
+            c.input(3, shape_of({rank}), axes.data(), rank * 8, NPU_DTYPE_INT64);
+            c.input(4, shape_of({rank}), steps.data(), rank * 8, NPU_DTYPE_INT64);
+            return run_op(c, 1, slice_infershape, slice_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
