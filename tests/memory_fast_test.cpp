@@ -471,4 +471,23 @@ TEST_F(MemoryFast, SliceMatchesLiteral) {
     }
 }
 
+// ---- Cast -------------------------------------------------------------------
+
+TEST_F(MemoryFast, CastFloatToInt32MatchesLiteral) {
+    std::vector<float> x = special_floats(4099, 1200);
+    const float edges[] = {2147483648.0f, 2147483520.0f, -2147483648.0f, -2147483904.0f,
+                           4294967296.0f, -0.5f, 0.99999994f, -0.99999994f, 1e10f, -1e10f,
+                           nan_with(0x7f800001u), nan_with(0xffc12345u)};
+    for (size_t i = 0; i < sizeof edges / sizeof edges[0]; ++i) x[i * 7] = edges[i];
+    for (uint32_t n : {1u, 3u, 4u, 5u, 17u, 4099u}) {
+        expect_same("cast float->int32 n " + std::to_string(n), [&] {
+            Ctx c(1, 1, 1);
+            c.input(0, shape_of({n}), x.data(), n * 4);
+            c.attr_int(0, "to", 6);
+            return run_op(c, 1, cast_infershape, cast_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
