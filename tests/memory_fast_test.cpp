@@ -490,4 +490,34 @@ TEST_F(MemoryFast, CastFloatToInt32MatchesLiteral) {
     }
 }
 
+// ---- Arg-max / arg-min --------------------------------------------------------
+
+TEST_F(MemoryFast, ArgMaxMinMatchesLiteral) {
+    std::mt19937 rng(10);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const bool is_max = t % 2 == 0, ints = t % 3 == 2;
+        const uint32_t rows = 1 + rng() % 5, len = 1 + rng() % 70;
+        std::vector<float> x = special_floats(static_cast<size_t>(rows) * len, 1300 + t);
+        if (t % 5 == 1) x[0] = nan_with(0x7fc00000u);  // a NaN first: index 0
+        if (ints) {
+            for (auto &v : x) {
+                const int32_t i = static_cast<int32_t>(rng() % 7) - 3 + (rng() % 9 == 0 ? INT32_MIN : 0);
+                std::memcpy(&v, &i, 4);
+            }
+        }
+        const int64_t select_last = rng() % 2;
+        expect_same(std::string(is_max ? "argmax" : "argmin") + " case " + std::to_string(t), [&] {
+            Ctx c(1, 1, 3);
+            c.input(0, shape_of({rows, len}), x.data(), x.size() * 4,
+                    ints ? NPU_DTYPE_INT32 : NPU_DTYPE_FLOAT32);
+            c.attr_int(0, "axis", -1);
+            c.attr_int(1, "keepdims", 1);
+            c.attr_int(2, "select_last_index", select_last);
+            return is_max ? run_op(c, 1, argmax_infershape, argmax_compute)
+                          : run_op(c, 1, argmin_infershape, argmin_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
