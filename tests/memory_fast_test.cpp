@@ -520,4 +520,33 @@ TEST_F(MemoryFast, ArgMaxMinMatchesLiteral) {
     }
 }
 
+// ---- Reduce mean --------------------------------------------------------------
+
+TEST_F(MemoryFast, ReduceMeanMatchesLiteral) {
+    std::mt19937 rng(11);
+    for (int t = 0; t < 200 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 3;
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &v : dims) {
+            v = 1 + rng() % 30;
+            count *= v;
+        }
+        std::vector<float> x = special_floats(count, 1400 + t);
+        if (t % 4 == 0) {
+            for (size_t i = 0; i < count; i += 3) x[i] = nan_with(i % 2 ? 0x7fc00001u : 0xffc00002u);
+        }
+        const int64_t axis = static_cast<int64_t>(rng() % rank) - (t % 2 ? static_cast<int64_t>(rank) : 0);
+        const int64_t keepdims = rng() % 2;
+        expect_same("reducemean case " + std::to_string(t), [&] {
+            Ctx c(1, 1, 2);
+            c.input(0, shape_of(dims), x);
+            c.attr_int(0, "keepdims", keepdims);
+            c.attr_ints(1, "axes", {axis});
+            return run_op(c, 1, reducemean_infershape, reducemean_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
