@@ -549,4 +549,38 @@ TEST_F(MemoryFast, ReduceMeanMatchesLiteral) {
     }
 }
 
+// ---- Non-maximum suppression ----------------------------------------------------
+
+TEST_F(MemoryFast, NmsMatchesLiteral) {
+    std::mt19937 rng(12);
+    for (int t = 0; t < 120 / kScale; ++t) {
+        const uint32_t batches = 1 + rng() % 2, classes = 1 + rng() % 3, spatial = 1 + rng() % 60;
+        std::vector<float> boxes(static_cast<size_t>(batches) * spatial * 4);
+        for (auto &v : boxes) v = static_cast<float>(rng() % 40);  // many overlaps and ties
+        std::vector<float> scores = special_floats(static_cast<size_t>(batches) * classes * spatial, 1500 + t);
+        if (t % 3 != 0) {
+            for (auto &v : scores) v = static_cast<float>(rng() % 10) / 10.0f;  // ties, no NaN
+            for (size_t i = 1; i < scores.size(); i += 2) {
+                if (scores[i] == 0.0f) scores[i] = -0.0f;  // ties with +0.0
+            }
+        }
+        if (t % 7 == 0) boxes[rng() % boxes.size()] = nan_with(0x7fc00000u);
+        int64_t max_out = 1 + rng() % 20;
+        float iou = static_cast<float>(rng() % 10) / 10.0f;
+        float score_thr = t % 4 == 0 ? 0.0f : 0.25f;
+        const int64_t centre = rng() % 2;
+        expect_same("nms case " + std::to_string(t), [&] {
+            Ctx c(5, 1, 1);
+            c.input(0, shape_of({batches, spatial, 4}), boxes);
+            c.input(1, shape_of({batches, classes, spatial}), scores);
+            c.input(2, shape_of({1}), &max_out, 8, NPU_DTYPE_INT64);
+            c.input(3, shape_of({1}), &iou, 4);
+            c.input(4, shape_of({1}), &score_thr, 4);
+            c.attr_int(0, "center_point_box", centre);
+            return run_op(c, 1, nms_infershape, nms_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
 }  // namespace
