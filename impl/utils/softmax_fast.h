@@ -10,8 +10,8 @@
 namespace npucpu {
 
 // out[k] = float(std::exp(double(d[k]))) for k < n. Lanes are computed with
-// a polynomial in double and rounded to float; a lane whose value lies too
-// close to a midpoint between two floats for the polynomial's error bound
+// a table and a polynomial in double and rounded to float; a lane whose
+// value lies too close to a midpoint between two floats for the error bound
 // (or whose input is outside [-87, 88], or NaN) calls std::exp instead.
 void exp_to_float_avx2(const float *d, float *out, uint64_t n);
 

@@ -15,35 +15,53 @@ namespace {
 // Start of the running maximum, as in the literal softmax.
 constexpr float kMaxStart = 1.1754944e-38f;
 
-// exp of four doubles in [-87, 88]: d = n ln2 + r with |r| <= ln2 / 2, the
-// Taylor polynomial of degree 11 in r (truncation below 2^-45 relative), and
-// the exact scaling by 2^n. Separate multiplies and adds (no fusing); the
-// total relative error stays well below 2^-40.
+// 2^(j/64) for j < 64, rounded to double.
+alignas(32) constexpr double kExp2Table[64] = {
+    0x1.0000000000000p+0, 0x1.02c9a3e778061p+0, 0x1.059b0d3158574p+0, 0x1.0874518759bc8p+0,
+    0x1.0b5586cf9890fp+0, 0x1.0e3ec32d3d1a2p+0, 0x1.11301d0125b51p+0, 0x1.1429aaea92de0p+0,
+    0x1.172b83c7d517bp+0, 0x1.1a35beb6fcb75p+0, 0x1.1d4873168b9aap+0, 0x1.2063b88628cd6p+0,
+    0x1.2387a6e756238p+0, 0x1.26b4565e27cddp+0, 0x1.29e9df51fdee1p+0, 0x1.2d285a6e4030bp+0,
+    0x1.306fe0a31b715p+0, 0x1.33c08b26416ffp+0, 0x1.371a7373aa9cbp+0, 0x1.3a7db34e59ff7p+0,
+    0x1.3dea64c123422p+0, 0x1.4160a21f72e2ap+0, 0x1.44e086061892dp+0, 0x1.486a2b5c13cd0p+0,
+    0x1.4bfdad5362a27p+0, 0x1.4f9b2769d2ca7p+0, 0x1.5342b569d4f82p+0, 0x1.56f4736b527dap+0,
+    0x1.5ab07dd485429p+0, 0x1.5e76f15ad2148p+0, 0x1.6247eb03a5585p+0, 0x1.6623882552225p+0,
+    0x1.6a09e667f3bcdp+0, 0x1.6dfb23c651a2fp+0, 0x1.71f75e8ec5f74p+0, 0x1.75feb564267c9p+0,
+    0x1.7a11473eb0187p+0, 0x1.7e2f336cf4e62p+0, 0x1.82589994cce13p+0, 0x1.868d99b4492edp+0,
+    0x1.8ace5422aa0dbp+0, 0x1.8f1ae99157736p+0, 0x1.93737b0cdc5e5p+0, 0x1.97d829fde4e50p+0,
+    0x1.9c49182a3f090p+0, 0x1.a0c667b5de565p+0, 0x1.a5503b23e255dp+0, 0x1.a9e6b5579fdbfp+0,
+    0x1.ae89f995ad3adp+0, 0x1.b33a2b84f15fbp+0, 0x1.b7f76f2fb5e47p+0, 0x1.bcc1e904bc1d2p+0,
+    0x1.c199bdd85529cp+0, 0x1.c67f12e57d14bp+0, 0x1.cb720dcef9069p+0, 0x1.d072d4a07897cp+0,
+    0x1.d5818dcfba487p+0, 0x1.da9e603db3285p+0, 0x1.dfc97337b9b5fp+0, 0x1.e502ee78b3ff6p+0,
+    0x1.ea4afa2a490dap+0, 0x1.efa1bee615a27p+0, 0x1.f50765b6e4540p+0, 0x1.fa7c1819e90d8p+0
+
+};
+
+// exp of four doubles in [-87, 88]: d = (64k + j) ln2/64 + r with
+// |r| <= ln2/128, exp(d) = 2^k * 2^(j/64) * exp(r), exp(r) by its Taylor
+// polynomial of degree 5 (truncation below 2^-54 relative). Separate
+// multiplies and adds (no fusing); the total relative error stays far below
+// 2^-40.
 inline __m256d exp4(__m256d d) {
-    const __m256d log2e = _mm256_set1_pd(1.4426950408889634);
-    const __m256d ln2_hi = _mm256_set1_pd(6.93147180369123816490e-01);
-    const __m256d ln2_lo = _mm256_set1_pd(1.90821492927058770002e-10);
-    const __m256d n = _mm256_round_pd(_mm256_mul_pd(d, log2e), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-    // n has at most 8 significant bits and ln2_hi 32, so n * ln2_hi is exact.
-    const __m256d r = _mm256_sub_pd(_mm256_sub_pd(d, _mm256_mul_pd(n, ln2_hi)), _mm256_mul_pd(n, ln2_lo));
-#define NPUCPU_HORNER(c) p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(c))
-    __m256d p = _mm256_set1_pd(1.0 / 39916800.0);
-    NPUCPU_HORNER(1.0 / 3628800.0);
-    NPUCPU_HORNER(1.0 / 362880.0);
-    NPUCPU_HORNER(1.0 / 40320.0);
-    NPUCPU_HORNER(1.0 / 5040.0);
-    NPUCPU_HORNER(1.0 / 720.0);
-    NPUCPU_HORNER(1.0 / 120.0);
-    NPUCPU_HORNER(1.0 / 24.0);
-    NPUCPU_HORNER(1.0 / 6.0);
-    NPUCPU_HORNER(0.5);
-    NPUCPU_HORNER(1.0);
-    NPUCPU_HORNER(1.0);
-#undef NPUCPU_HORNER
-    // 2^n from the exponent field.
+    const __m256d scale = _mm256_set1_pd(92.332482616893657);  // 64 / ln 2
+    // ln2/64 in two parts: the high part has 32 significant bits, so its
+    // product with |n| < 2^14 is exact.
+    const __m256d hi = _mm256_set1_pd(6.93147180369123816490e-01 / 64.0);
+    const __m256d lo = _mm256_set1_pd(1.90821492927058770002e-10 / 64.0);
+    const __m256d n = _mm256_round_pd(_mm256_mul_pd(d, scale), _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+    const __m256d r = _mm256_sub_pd(_mm256_sub_pd(d, _mm256_mul_pd(n, hi)), _mm256_mul_pd(n, lo));
+    __m256d p = _mm256_set1_pd(1.0 / 120.0);
+    p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(1.0 / 24.0));
+    p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(1.0 / 6.0));
+    p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(0.5));
+    p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(1.0));
+    p = _mm256_add_pd(_mm256_mul_pd(p, r), _mm256_set1_pd(1.0));
     const __m128i ni = _mm256_cvtpd_epi32(n);
-    const __m256i bits = _mm256_slli_epi64(_mm256_add_epi64(_mm256_cvtepi32_epi64(ni), _mm256_set1_epi64x(1023)), 52);
-    return _mm256_mul_pd(p, _mm256_castsi256_pd(bits));
+    const __m128i j = _mm_and_si128(ni, _mm_set1_epi32(63));
+    const __m128i k = _mm_srai_epi32(ni, 6);
+    const __m256d t = _mm256_mask_i32gather_pd(_mm256_setzero_pd(), kExp2Table, j,
+                                               _mm256_castsi256_pd(_mm256_set1_epi64x(-1)), 8);
+    const __m256i bits = _mm256_slli_epi64(_mm256_add_epi64(_mm256_cvtepi32_epi64(k), _mm256_set1_epi64x(1023)), 52);
+    return _mm256_mul_pd(_mm256_mul_pd(t, p), _mm256_castsi256_pd(bits));
 }
 
 // Rounds four doubles (normal float range) to float; returns a mask of the
