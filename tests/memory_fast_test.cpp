@@ -501,7 +501,8 @@ TEST_F(MemoryFast, ArgMaxMinMatchesLiteral) {
         if (t % 5 == 1) x[0] = nan_with(0x7fc00000u);  // a NaN first: index 0
         if (ints) {
             for (auto &v : x) {
-                const int32_t i = static_cast<int32_t>(rng() % 7) - 3 + (rng() % 9 == 0 ? INT32_MIN : 0);
+                // Small values, a few near INT32_MIN (bit patterns, no overflow).
+                const uint32_t i = static_cast<uint32_t>(rng() % 7) - 3u + (rng() % 9 == 0 ? 0x80000000u : 0u);
                 std::memcpy(&v, &i, 4);
             }
         }
