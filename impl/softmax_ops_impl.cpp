@@ -92,7 +92,8 @@ NPU_API uint32_t softmax_compute(OperatorContext *handle) {
         outer * len <= in_cap && outer * len <= out_cap) {
         float *scratch = static_cast<float *>(std::malloc(sizeof(float) * 8 * static_cast<uint64_t>(len)));
         if (scratch != nullptr) {
-            npucpu::softmax_rows_avx2(src, dst, outer, len, scratch);
+            npucpu::softmax_rows_avx2(src, dst, outer, len, scratch,
+                                      npucpu::active_isa() >= npucpu::Isa::Avx512);
             std::free(scratch);
             return NPU_OK;
         }

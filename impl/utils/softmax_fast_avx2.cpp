@@ -176,12 +176,15 @@ void exp_to_float_avx2(const float *d, float *out, uint64_t n) {
     for (; k < n; ++k) out[k] = static_cast<float>(std::exp(static_cast<double>(d[k])));
 }
 
-void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, float *scratch) {
+void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, float *scratch,
+                       bool avx512) {
+    void (*exp_diff)(const float *, float, float *, uint32_t) =
+        avx512 ? exp_of_differences_avx512 : exp_of_differences;
     for (uint64_t r0 = 0; r0 < rows; r0 += 8) {
         const uint32_t group = rows - r0 >= 8 ? 8 : static_cast<uint32_t>(rows - r0);
         for (uint32_t g = 0; g < group; ++g) {
             const float *row = x + (r0 + g) * len;
-            exp_of_differences(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
+            exp_diff(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
         }
         // Each row's sum in index order: eight rows side by side. A row
         // whose running sum, a NaN, meets a NaN term is redone by the literal
