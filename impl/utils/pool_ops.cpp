@@ -51,10 +51,10 @@ uint32_t declared_outputs(OperatorContext *handle) {
 // The fast walk, where it gives the literal walk's results: a 4-D NCHW
 // input that its buffer holds, non-negative pads and a kernel inside the
 // padded plane (so the literal's end-of-tensor checks never apply), every
-// count inside 32 bits, and outputs that hold every window. Output 0 is
-// already zero-filled; only its tail past the windows keeps those zeros.
-// When the fast walk gives up part way (see pool_fast_run), the literal walk
-// rewrites every window and output 0 keeps the same zero tail.
+// count inside 32 bits, and outputs that hold every window. Output 0 past
+// the windows is zero-filled as the literal does. When the fast walk gives
+// up part way (see pool_fast_run), the caller zero-fills output 0 and the
+// literal walk rewrites every window.
 bool try_fast_walk(PoolFastKind kind, const TensorInfo &in, const uint32_t strides[2],
                    const uint32_t kernel_hw[2], const uint32_t pads[4], uint32_t count_include_pad,
                    const TensorInfo &out, const TensorInfo &positions) {
@@ -97,7 +97,11 @@ bool try_fast_walk(PoolFastKind kind, const TensorInfo &in, const uint32_t strid
     a.count_include_pad = count_include_pad;
     a.y = static_cast<float *>(out.buf);
     a.positions = with_positions ? static_cast<uint32_t *>(positions.buf) : nullptr;
-    return pool_fast_run(a);
+    if (!pool_fast_run(a)) return false;
+    // Output 0 past the windows keeps the zero fill.
+    std::memset(static_cast<char *>(out.buf) + windows * sizeof(float), 0,
+                out.buf_len - windows * sizeof(float));
+    return true;
 }
 
 }  // namespace
@@ -186,19 +190,23 @@ uint32_t pool_compute(OperatorContext *handle, const PoolKernel &kernel) {
 
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
-    std::memset(out.buf, 0, out.buf_len);
 
     // Output 1 (positions) is not zero-filled.
     TensorInfo positions;
     if (kernel.writes_positions && declared_outputs(handle) > 1) {
         positions = output_info(handle, 1);
-        if (positions.buf == nullptr) return NPU_ERR_INVALID_ARG;
+        if (positions.buf == nullptr) {
+            std::memset(out.buf, 0, out.buf_len);  // output 0 is zero-filled first
+            return NPU_ERR_INVALID_ARG;
+        }
     }
 
+    // The fast walk zero-fills only what it does not write.
     if (try_fast_walk(kernel.fast, in, strides, kernel_hw, pads, count_include_pad, out,
                       positions)) {
         return NPU_OK;
     }
+    std::memset(out.buf, 0, out.buf_len);
 
     // The wrapper borrows the input buffer; the padded tensor owns its data.
     Tensor *wrapper = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));
