@@ -9,9 +9,9 @@
 namespace npucpu {
 
 // y[p] = (x[p*n] + ... + x[p*n + n - 1]) / float(n) for p < planes; n > 0.
-// A plane whose running sum, a NaN, meets a NaN element takes
-// y[p] = literal(x + p*n, n, n) instead: addition commutes, so which NaN
-// survives is the compiler's choice in each loop.
+// A plane whose sum is NaN takes y[p] = literal(x + p*n, n, n) instead:
+// where a NaN sum meets a NaN term, which NaN survives is the compiler's
+// choice in each loop (addition commutes).
 void plane_means_avx2(const float *x, uint64_t planes, uint32_t n, float *y,
                       float (*literal)(const float *, uint64_t, uint32_t));
 

@@ -194,20 +194,17 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
         int clash = 0;
         if (group == 8) {
             __m256 sum = _mm256_setzero_ps();
-            __m256 met = _mm256_setzero_ps();
             uint32_t k = 0;
             for (; k + 8 <= len; k += 8) {
                 __m256 t[8];
                 for (int g = 0; g < 8; ++g) t[g] = _mm256_loadu_ps(scratch + static_cast<uint64_t>(g) * len + k);
                 transpose8(t);
-                for (int i = 0; i < 8; ++i) {
-                    met = _mm256_or_ps(met, _mm256_and_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q),
-                                                          _mm256_cmp_ps(t[i], t[i], _CMP_UNORD_Q)));
-                    sum = _mm256_add_ps(sum, t[i]);
-                }
+                for (int i = 0; i < 8; ++i) sum = _mm256_add_ps(sum, t[i]);
             }
             _mm256_store_ps(sums, sum);
-            clash = _mm256_movemask_ps(met);
+            // A NaN sum stays NaN from its first NaN term on: those rows go
+            // to the literal routine (a NaN term may have met it).
+            clash = _mm256_movemask_ps(_mm256_cmp_ps(sum, sum, _CMP_UNORD_Q));
             for (; k < len; ++k) {
                 for (int g = 0; g < 8; ++g) {
                     const float e = scratch[static_cast<uint64_t>(g) * len + k];
