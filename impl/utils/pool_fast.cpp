@@ -14,6 +14,10 @@ constexpr float kMaxStart = std::numeric_limits<float>::min();
 
 }  // namespace
 
+uint32_t pool_fast_windows(uint32_t padded, uint32_t kernel, uint32_t stride) {
+    return (padded - kernel) / stride + 1;
+}
+
 bool pool_max_row_portable(const PoolRowArgs &r) {
     for (uint32_t j = 0; j < r.count; ++j) {
         float best = kMaxStart;

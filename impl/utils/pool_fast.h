@@ -29,9 +29,7 @@ struct PoolFastArgs {
 
 // The windows over one padded plane along each axis (the literal walk's
 // count), for bounds the caller has checked.
-inline uint32_t pool_fast_windows(uint32_t padded, uint32_t kernel, uint32_t stride) {
-    return (padded - kernel) / stride + 1;
-}
+uint32_t pool_fast_windows(uint32_t padded, uint32_t kernel, uint32_t stride);
 
 // Writes every window's result in the literal order and returns true; or
 // returns false (output partly written) where an average's running sum, a

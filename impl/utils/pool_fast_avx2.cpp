@@ -4,13 +4,16 @@
 // the same order, then the same division.
 #include <immintrin.h>
 
-#include <limits>
-
 #include "pool_fast.h"
 
 namespace npucpu {
 
 namespace {
+
+// The maximum's start value (the smallest positive normal float). Spelled
+// out: this file is built for AVX2, and inline code it shared with other
+// files (std::numeric_limits) could be taken from here by the linker.
+constexpr float kMaxStart = 1.17549435e-38f;
 
 // Eight elements at stride 1 or 2 (other strides gather). A stride-2 load
 // leaves out the element after the eighth, so it never reads past the last
@@ -34,7 +37,7 @@ inline void max_blocks(const PoolRowArgs &r, uint32_t j, __m256i offsets) {
     __m256 best[kBlocks];
     __m256i pos[kBlocks];
     for (int b = 0; b < kBlocks; ++b) {
-        best[b] = _mm256_set1_ps(std::numeric_limits<float>::min());
+        best[b] = _mm256_set1_ps(kMaxStart);
         pos[b] = _mm256_setzero_si256();
     }
     for (uint32_t k = 0; k < r.row_count; ++k) {

@@ -3,13 +3,14 @@
 // (the same products and the same fused multiply-adds). Where a lane's
 // inputs hold a NaN, the NaN that survives would depend on the operand order
 // the compiler gave each instruction, so that lane calls the literal sampler.
+//
+// This file is built for AVX2: it uses no inline or template code shared
+// with other files (std::vector, the conversion helpers, <cmath> wrappers),
+// since the linker could take such code from here for callers on any CPU.
 #include <immintrin.h>
+#include <limits.h>
+#include <stdlib.h>
 
-#include <cmath>
-#include <cstdlib>
-#include <vector>
-
-#include "convert.h"
 #include "npucpu.h"
 #include "resize_taps.h"
 
@@ -19,10 +20,31 @@ namespace {
 
 bool all_finite(const float *v, uint32_t n) {
     for (uint32_t i = 0; i < n; ++i) {
-        if (!std::isfinite(v[i])) return false;
+        if (!__builtin_isfinite(v[i])) return false;
     }
     return true;
 }
+
+// saturate_floor<int32_t> of a finite float (the callers check finiteness):
+// floor, then clamped to the int32 range.
+int32_t floor_to_int32(float v) {
+    const float f = __builtin_floorf(v);
+    if (f <= -2147483648.0f) return INT_MIN;
+    if (f >= 2147483648.0f) return INT_MAX;
+    return static_cast<int32_t>(f);
+}
+
+// A malloc'ed array freed at scope exit.
+template <typename T>
+struct Buffer {
+    T *data;
+    explicit Buffer(size_t n) : data(static_cast<T *>(malloc((n > 0 ? n : 1) * sizeof(T)))) {}
+    ~Buffer() { free(data); }
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+    T &operator[](size_t i) { return data[i]; }
+    const T &operator[](size_t i) const { return data[i]; }
+};
 
 // Lanes of v that are NaN, as a bit mask.
 inline int nan_lanes(__m256 v) { return _mm256_movemask_ps(_mm256_cmp_ps(v, v, _CMP_UNORD_Q)); }
@@ -38,8 +60,8 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
 
     // Column taps, and per input row the horizontal products of the literal:
     // a[ox] = (1 - dx) * row[lo], b[ox] = dx * row[hi].
-    std::vector<int32_t> lo(out_w), hi(out_w);
-    std::vector<float> dx(out_w), one_minus_dx(out_w);
+    Buffer<int32_t> lo(out_w), hi(out_w);
+    Buffer<float> dx(out_w), one_minus_dx(out_w);
     for (uint32_t ox = 0; ox < out_w; ++ox) {
         const BilinearTap t = bilinear_tap(src_x[ox], in_w);
         lo[ox] = static_cast<int32_t>(t.lo);
@@ -49,9 +71,12 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
     }
     // Two cached rows of products (the rows an output row reads advance
     // monotonically in every mapping but the crop box).
-    std::vector<float> prod(4 * static_cast<size_t>(out_w));
+    Buffer<float> prod(4 * static_cast<size_t>(out_w));
     int64_t cached[2] = {-1, -1};
-    std::vector<float *> rows(in_h);
+    Buffer<float *> rows(in_h);
+    if (!lo.data || !hi.data || !dx.data || !one_minus_dx.data || !prod.data || !rows.data) {
+        return false;
+    }
 
     for (uint64_t p = 0; p < planes; ++p) {
         const float *plane = in + p * in_h * static_cast<uint64_t>(in_w);
@@ -60,7 +85,7 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
         auto find = [&](int64_t r) { return cached[0] == r ? 0 : cached[1] == r ? 1 : -1; };
         auto fill = [&](int s, int64_t r) {
             cached[s] = r;
-            float *a = prod.data() + 2 * s * static_cast<size_t>(out_w);
+            float *a = prod.data + 2 * s * static_cast<size_t>(out_w);
             float *b = a + out_w;
             const float *row = rows[r];
             uint32_t ox = 0;
@@ -91,8 +116,8 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
                 s1 = 1 - s0;
                 fill(s1, ty.hi);
             }
-            const float *a0 = prod.data() + 2 * s0 * static_cast<size_t>(out_w);
-            const float *a1 = prod.data() + 2 * s1 * static_cast<size_t>(out_w);
+            const float *a0 = prod.data + 2 * s0 * static_cast<size_t>(out_w);
+            const float *a1 = prod.data + 2 * s1 * static_cast<size_t>(out_w);
             const float *b0 = a0 + out_w, *b1 = a1 + out_w;
             const __m256 dy = _mm256_set1_ps(ty.frac);
             const __m256 omdy = _mm256_set1_ps(1.0f - ty.frac);
@@ -111,7 +136,7 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
                 if (nan != 0) {
                     for (int l = 0; l < 8; ++l) {
                         if (nan & (1 << l)) {
-                            y[ox + l] = BiLinearInterpolation(rows.data(), in_h, in_w, src_x[ox + l], src_y[oy]);
+                            y[ox + l] = BiLinearInterpolation(rows.data, in_h, in_w, src_x[ox + l], src_y[oy]);
                         }
                     }
                 }
@@ -124,15 +149,17 @@ bool resize_bilinear_fast(const float *in, float *out, uint64_t planes, uint32_t
 bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in_h, uint32_t in_w,
                        uint32_t out_h, uint32_t out_w, const float *src_y, const float *src_x,
                        float a) {
-    if (in_h == 0 || in_w == 0 || out_w < 8 || !std::isfinite(a)) return false;
+    if (in_h == 0 || in_w == 0 || out_w < 8 || !__builtin_isfinite(a)) return false;
     if (static_cast<uint64_t>(in_h) * in_w >= (uint64_t{1} << 31)) return false;
     if (!all_finite(src_y, out_h) || !all_finite(src_x, out_w)) return false;
 
     // Per column: the four clamped source columns and their weights cx[j].
-    std::vector<int32_t> cols(4 * static_cast<size_t>(out_w));
-    std::vector<float> cx(4 * static_cast<size_t>(out_w));
+    Buffer<int32_t> cols(4 * static_cast<size_t>(out_w));
+    Buffer<float> cx(4 * static_cast<size_t>(out_w));
+    Buffer<float *> rows(in_h);
+    if (!cols.data || !cx.data || !rows.data) return false;
     for (uint32_t ox = 0; ox < out_w; ++ox) {
-        const int32_t xi = saturate_floor<int32_t>(src_x[ox]);
+        const int32_t xi = floor_to_int32(src_x[ox]);
         float c[4];
         CubicCoefficients(c, src_x[ox] - static_cast<float>(xi), a);
         for (int j = 0; j < 4; ++j) {
@@ -141,12 +168,11 @@ bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in
             cx[j * static_cast<size_t>(out_w) + ox] = c[j];
         }
     }
-    std::vector<float *> rows(in_h);
     for (uint64_t p = 0; p < planes; ++p) {
         const float *plane = in + p * in_h * static_cast<uint64_t>(in_w);
         for (uint32_t r = 0; r < in_h; ++r) rows[r] = const_cast<float *>(plane) + static_cast<uint64_t>(r) * in_w;
         for (uint32_t oy = 0; oy < out_h; ++oy) {
-            const int32_t yi = saturate_floor<int32_t>(src_y[oy]);
+            const int32_t yi = floor_to_int32(src_y[oy]);
             float cy[4];
             CubicCoefficients(cy, src_y[oy] - static_cast<float>(yi), a);
             const float *row[4];
@@ -172,7 +198,7 @@ bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in
                 if (nan != 0) {
                     for (int l = 0; l < 8; ++l) {
                         if (nan & (1 << l)) {
-                            y[ox + l] = CubicInterpolation(rows.data(), in_h, in_w, a, src_y[oy], src_x[ox + l]);
+                            y[ox + l] = CubicInterpolation(rows.data, in_h, in_w, a, src_y[oy], src_x[ox + l]);
                         }
                     }
                 }

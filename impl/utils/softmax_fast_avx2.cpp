@@ -1,8 +1,8 @@
 #include <immintrin.h>
 
-#include <cmath>
-#include <cstdlib>
-#include <cstring>
+#include <math.h>
+#include <stdlib.h>
+#include <string.h>
 
 #include "npucpu.h"
 
@@ -96,7 +96,7 @@ inline __m256 exp8(__m256 d, const float *d_scalar, float *fix_out, bool *fixed)
         _mm256_storeu_ps(fix_out, f);
         for (int i = 0; i < 8; ++i) {
             if (slow & (1 << i)) {
-                fix_out[i] = static_cast<float>(std::exp(static_cast<double>(d_scalar[i])));
+                fix_out[i] = static_cast<float>(::exp(static_cast<double>(d_scalar[i])));
             }
         }
         *fixed = true;
@@ -118,7 +118,7 @@ void exp_of_differences(const float *x, float m, float *e, uint32_t n) {
     }
     for (; k < n; ++k) {
         const float dk = x[k] - m;
-        e[k] = static_cast<float>(std::exp(static_cast<double>(dk)));
+        e[k] = static_cast<float>(::exp(static_cast<double>(dk)));
     }
 }
 
@@ -173,7 +173,7 @@ void exp_to_float_avx2(const float *d, float *out, uint64_t n) {
         const __m256 f = exp8(_mm256_loadu_ps(d + k), d + k, out + k, &fixed);
         if (!fixed) _mm256_storeu_ps(out + k, f);
     }
-    for (; k < n; ++k) out[k] = static_cast<float>(std::exp(static_cast<double>(d[k])));
+    for (; k < n; ++k) out[k] = static_cast<float>(::exp(static_cast<double>(d[k])));
 }
 
 void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, float *scratch,
@@ -227,8 +227,8 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
             if ((clash & (1 << g)) == 0) continue;
             float *result = basic_softmax(x + (r0 + g) * len, len);
             if (result != nullptr) {
-                std::memcpy(y + (r0 + g) * len, result, sizeof(float) * len);
-                std::free(result);
+                memcpy(y + (r0 + g) * len, result, sizeof(float) * len);
+                free(result);
             }
         }
         for (uint32_t g = 0; g < group; ++g) {

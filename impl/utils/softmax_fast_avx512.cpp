@@ -7,7 +7,7 @@
 
 #include <immintrin.h>
 
-#include <cmath>
+#include <math.h>
 
 #include "softmax_fast.h"
 
@@ -72,7 +72,7 @@ inline void exp8_to(__m256 d, const float *d_scalar, float *out) {
     const unsigned slow = static_cast<unsigned>(static_cast<uint8_t>(~in_range) | near);
     if (slow != 0) {
         for (int i = 0; i < 8; ++i) {
-            if (slow & (1u << i)) out[i] = static_cast<float>(std::exp(static_cast<double>(d_scalar[i])));
+            if (slow & (1u << i)) out[i] = static_cast<float>(::exp(static_cast<double>(d_scalar[i])));
         }
     }
 }
@@ -82,7 +82,7 @@ inline void exp8_to(__m256 d, const float *d_scalar, float *out) {
 void exp_to_float_avx512(const float *d, float *out, uint64_t n) {
     uint64_t k = 0;
     for (; k + 8 <= n; k += 8) exp8_to(_mm256_loadu_ps(d + k), d + k, out + k);
-    for (; k < n; ++k) out[k] = static_cast<float>(std::exp(static_cast<double>(d[k])));
+    for (; k < n; ++k) out[k] = static_cast<float>(::exp(static_cast<double>(d[k])));
 }
 
 void exp_of_differences_avx512(const float *x, float m, float *e, uint32_t n) {
@@ -96,7 +96,7 @@ void exp_of_differences_avx512(const float *x, float m, float *e, uint32_t n) {
     }
     for (; k < n; ++k) {
         const float dk = x[k] - m;
-        e[k] = static_cast<float>(std::exp(static_cast<double>(dk)));
+        e[k] = static_cast<float>(::exp(static_cast<double>(dk)));
     }
 }
 

@@ -1,6 +1,6 @@
 #include <immintrin.h>
 
-#include <cstring>
+#include <string.h>
 
 #include "transpose_fast.h"
 
@@ -99,7 +99,7 @@ void transpose_fast_avx2(const float *src, float *dst, uint32_t rank, const uint
     const uint64_t inner = unit == last ? ext[last] : ext[last] * ext[unit];
     for (uint64_t done = 0; done < total; done += inner) {
         if (unit == last) {
-            std::memcpy(dst + out_pos, src + in_pos, ext[last] * sizeof(float));
+            memcpy(dst + out_pos, src + in_pos, ext[last] * sizeof(float));
         } else {
             move_tile(src + in_pos, is[last], dst + out_pos, os[unit], ext[unit], ext[last]);
         }
