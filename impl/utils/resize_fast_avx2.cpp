@@ -157,7 +157,13 @@ bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in
     Buffer<int32_t> cols(4 * static_cast<size_t>(out_w));
     Buffer<float> cx(4 * static_cast<size_t>(out_w));
     Buffer<float *> rows(in_h);
-    if (!cols.data || !cx.data || !rows.data) return false;
+    // Per input row, its four tap columns gathered once: taps[j][ox] =
+    // row[cols[j][ox]]. An output row reads four consecutive input rows
+    // (clamped), which are distinct modulo 4 unless equal, so slot r % 4
+    // serves them all.
+    const size_t w4 = 4 * static_cast<size_t>(out_w);
+    Buffer<float> taps(4 * w4);
+    if (!cols.data || !cx.data || !rows.data || !taps.data) return false;
     for (uint32_t ox = 0; ox < out_w; ++ox) {
         const int32_t xi = floor_to_int32(src_x[ox]);
         float c[4];
@@ -171,12 +177,25 @@ bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in
     for (uint64_t p = 0; p < planes; ++p) {
         const float *plane = in + p * in_h * static_cast<uint64_t>(in_w);
         for (uint32_t r = 0; r < in_h; ++r) rows[r] = const_cast<float *>(plane) + static_cast<uint64_t>(r) * in_w;
+        int64_t tag[4] = {-1, -1, -1, -1};
+        auto row_taps = [&](int64_t r) -> const float * {
+            float *t = taps.data + static_cast<size_t>(r % 4) * w4;
+            if (tag[r % 4] == r) return t;
+            tag[r % 4] = r;
+            const float *row = rows[r];
+            for (size_t at = 0; at < w4; at += 8) {
+                const size_t k = at + 8 <= w4 ? at : w4 - 8;
+                _mm256_storeu_ps(t + k, _mm256_i32gather_ps(
+                                            row, _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&cols[k])), 4));
+            }
+            return t;
+        };
         for (uint32_t oy = 0; oy < out_h; ++oy) {
             const int32_t yi = floor_to_int32(src_y[oy]);
             float cy[4];
             CubicCoefficients(cy, src_y[oy] - static_cast<float>(yi), a);
-            const float *row[4];
-            for (int i = 0; i < 4; ++i) row[i] = rows[clamp_index(static_cast<int64_t>(yi) - 1 + i, in_h)];
+            const float *row_t[4];
+            for (int i = 0; i < 4; ++i) row_t[i] = row_taps(clamp_index(static_cast<int64_t>(yi) - 1 + i, in_h));
             float *y = out + (p * out_h + oy) * out_w;
             for (uint32_t jb = 0; jb < out_w; jb += 8) {
                 const uint32_t ox = jb + 8 <= out_w ? jb : out_w - 8;
@@ -188,8 +207,7 @@ bool resize_cubic_fast(const float *in, float *out, uint64_t planes, uint32_t in
                         const size_t at = j * static_cast<size_t>(out_w) + ox;
                         // weight = cx[j] * cy[i], then fma(value, weight, sum).
                         const __m256 w = _mm256_mul_ps(_mm256_loadu_ps(&cx[at]), wy);
-                        const __m256 v = _mm256_i32gather_ps(
-                            row[i], _mm256_loadu_si256(reinterpret_cast<const __m256i *>(&cols[at])), 4);
+                        const __m256 v = _mm256_loadu_ps(row_t[i] + at);
                         nan |= nan_lanes(v);
                         sum = _mm256_fmadd_ps(v, w, sum);
                     }
