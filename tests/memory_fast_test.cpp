@@ -68,13 +68,19 @@ struct Outputs {
 };
 
 void expect_same(const std::string &what, const std::function<Outputs()> &call) {
+    // Both paths print the same operator messages; they are not checked here.
+    auto quiet = [&call] {
+        Outputs r;
+        npucpu_test::capture_stderr([&] { r = call(); });
+        return r;
+    };
     npucpu::testing::force_isa(npucpu::Isa::Literal);
-    const Outputs literal = call();
+    const Outputs literal = quiet();
     npucpu::testing::clear_forced_isa();
     const Isa best = npucpu::cpu_features().best;
     for (uint32_t level = 1; level <= static_cast<uint32_t>(best); ++level) {
         npucpu::testing::force_isa(static_cast<npucpu::Isa>(level));
-        const Outputs fast = call();
+        const Outputs fast = quiet();
         npucpu::testing::clear_forced_isa();
         ASSERT_EQ(fast.status, literal.status) << what << " level " << level;
         ASSERT_EQ(fast.bytes.size(), literal.bytes.size());
@@ -430,7 +436,10 @@ TEST_F(MemoryFast, PadMatchesLiteral) {
             count *= v;
         }
         std::vector<int64_t> pads(2 * rank);
-        for (auto &v : pads) v = static_cast<int64_t>(rng() % 5) - 1;  // -1 crops
+        for (uint32_t k = 0; k < 2 * rank; ++k) {
+            // -1 crops, where the axis keeps at least one element.
+            pads[k] = static_cast<int64_t>(rng() % 5) - (dims[k % rank] > 2 ? 1 : 0);
+        }
         const char *mode = kModes[rng() % 3];
         std::vector<float> x = special_floats(count, 1000 + t);
         float constant = 7.25f;
