@@ -49,7 +49,7 @@ NPU_API uint32_t averagepool_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t averagepool_compute(OperatorContext *handle) {
-    return npucpu::pool_compute(handle, {mean_of_window, true, false});
+    return npucpu::pool_compute(handle, {mean_of_window, true, false, npucpu::PoolFastKind::Average});
 }
 
 }  // extern "C"

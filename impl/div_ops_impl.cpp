@@ -14,7 +14,7 @@ NPU_API uint32_t div_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t div_compute(OperatorContext *handle) {
-    return npucpu::binary_compute(handle, [](float a, float b) { return a / b; });
+    return npucpu::binary_compute(handle, [](float a, float b) { return a / b; }, npucpu::BinaryKind::Div);
 }
 
 }  // extern "C"

@@ -50,7 +50,7 @@ NPU_API uint32_t maxpool_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t maxpool_compute(OperatorContext *handle) {
-    return npucpu::pool_compute(handle, {max_of_window, false, true});
+    return npucpu::pool_compute(handle, {max_of_window, false, true, npucpu::PoolFastKind::Max});
 }
 
 }  // extern "C"

@@ -13,7 +13,7 @@ NPU_API uint32_t mul_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t mul_compute(OperatorContext *handle) {
-    return npucpu::binary_compute(handle, [](float a, float b) { return a * b; });
+    return npucpu::binary_compute(handle, [](float a, float b) { return a * b; }, npucpu::BinaryKind::Mul);
 }
 
 }  // extern "C"

@@ -1,11 +1,16 @@
 // Non-maximum suppression: for every batch and class, the highest-scoring
 // boxes that no already selected box overlaps by more than an IoU threshold,
 // listed as (batch, class, box) index triples.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
+#include <vector>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
+#include "utils/nms_fast.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 #include "utils/stable_sort.h"
@@ -71,13 +76,63 @@ void box_edges(float a, float b, bool centre, float *lo, float *hi) {
     }
 }
 
+// The edges suppress_by_iou takes from one box, and its area, by the same
+// expressions.
+npucpu::NmsEdges edges_of(const float *box, bool centre) {
+    const int first_a = centre ? 0 : 1, first_b = centre ? 2 : 3;
+    const int second_a = centre ? 1 : 0, second_b = centre ? 3 : 2;
+    npucpu::NmsEdges e;
+    box_edges(box[first_a], box[first_b], centre, &e.lo1, &e.hi1);
+    box_edges(box[second_a], box[second_b], centre, &e.lo2, &e.hi2);
+    e.area = (e.hi1 - e.lo1) * (e.hi2 - e.lo2);
+    return e;
+}
+
+// Sort key of a candidate: ascending keys give descending scores, equal
+// scores (-0.0 and +0.0 included) in ascending box order, the order the
+// stable sort with cmp_bbox_info gives a slice without NaN.
+uint64_t candidate_key(float score, uint64_t index) {
+    if (score == 0.0f) score = 0.0f;  // -0.0 ties with +0.0
+    uint32_t bits;
+    std::memcpy(&bits, &score, sizeof bits);
+    // Ascending order of floats as unsigned keys, then reversed.
+    const uint32_t ascending = (bits & 0x80000000u) ? ~bits : bits | 0x80000000u;
+    return (static_cast<uint64_t>(~ascending) << 32) | index;
+}
+
 struct Selected {
     int64_t batch;
     int64_t cls;
     int64_t box;
 };
 
+bool any_suppresses(const npucpu::NmsEdges &c, const npucpu::NmsSelected &s, float threshold) {
+    for (uint32_t j = 0; j < s.count; ++j) {
+        if (npucpu::nms_suppresses(c, s, j, threshold)) return true;
+    }
+    return false;
+}
+
 }  // namespace
+
+namespace npucpu {
+
+// suppress_by_iou's test on precomputed edges (candidate i, selected j).
+bool nms_suppresses(const NmsEdges &c, const NmsSelected &s, uint32_t j, float iou_threshold) {
+    const float o_lo1 = c.lo1 > s.lo1[j] ? c.lo1 : s.lo1[j];
+    const float o_hi1 = c.hi1 < s.hi1[j] ? c.hi1 : s.hi1[j];
+    if (o_lo1 >= o_hi1) return false;
+    const float o_lo2 = c.lo2 > s.lo2[j] ? c.lo2 : s.lo2[j];
+    const float o_hi2 = c.hi2 < s.hi2[j] ? c.hi2 : s.hi2[j];
+    if (o_lo2 >= o_hi2) return false;
+    const float inter = (o_hi1 - o_lo1) * (o_hi2 - o_lo2);
+    if (inter <= 0.0f || c.area <= 0.0f || s.area[j] <= 0.0f) return false;
+    const float uni = c.area + s.area[j] - inter;
+    if (uni <= 0.0f) return false;
+    return inter / uni > iou_threshold;
+}
+
+}  // namespace npucpu
 
 extern "C" {
 
@@ -216,6 +271,15 @@ NPU_API uint32_t nms_compute(OperatorContext *handle) {
         return NPU_ERR_INVALID_ARG;
     }
 
+    // Fast path state: heap keys and the selected boxes' edges.
+    const bool fast = npucpu::fast_paths_enabled();
+    const bool avx2 = npucpu::active_isa() >= npucpu::Isa::Avx2;
+    const bool centre = center_point_box != 0;
+    std::vector<uint64_t> keys;
+    std::vector<float> sel_lo1(fast ? sel_records : 0), sel_hi1(fast ? sel_records : 0),
+        sel_lo2(fast ? sel_records : 0), sel_hi2(fast ? sel_records : 0),
+        sel_area(fast ? sel_records : 0);
+
     int64_t *rows = static_cast<int64_t *>(out.buf);
     // Guard: rows past the output buffer (an inferred row count that wrapped
     // in 32 bits) are dropped instead of written.
@@ -236,10 +300,50 @@ NPU_API uint32_t nms_compute(OperatorContext *handle) {
                 }
             }
             if (n == 0) continue;
+
+            uint32_t selected = 0;
+            if (fast && spatial < (uint64_t{1} << 32)) {
+                // Candidates in sort order from a heap, taken only as far
+                // as the selection goes, where no score is NaN (the
+                // comparator orders the others consistently).
+                bool nan = false;
+                for (uint64_t k = 0; k < n; ++k) nan |= cands[k].score != cands[k].score;
+                if (!nan) {
+                    keys.resize(n);
+                    for (uint64_t k = 0; k < n; ++k) {
+                        keys[k] = candidate_key(cands[k].score, static_cast<uint64_t>(cands[k].index));
+                    }
+                    std::make_heap(keys.begin(), keys.end(), std::greater<uint64_t>());
+                    npucpu::NmsSelected chosen{sel_lo1.data(), sel_hi1.data(), sel_lo2.data(),
+                                               sel_hi2.data(), sel_area.data(), 0};
+                    for (uint64_t left = n; left > 0 && selected < max_out; --left) {
+                        std::pop_heap(keys.begin(), keys.begin() + left, std::greater<uint64_t>());
+                        const int64_t box = static_cast<int64_t>(keys[left - 1] & 0xffffffffu);
+                        const npucpu::NmsEdges e = edges_of(batch_boxes + box * kBoxCoords, centre);
+                        const bool suppressed =
+                            avx2 ? npucpu::nms_any_suppresses_avx2(e, chosen, iou_threshold)
+                                 : any_suppresses(e, chosen, iou_threshold);
+                        if (suppressed) continue;
+                        chosen.lo1[selected] = e.lo1;
+                        chosen.hi1[selected] = e.hi1;
+                        chosen.lo2[selected] = e.lo2;
+                        chosen.hi2[selected] = e.hi2;
+                        chosen.area[selected] = e.area;
+                        chosen.count = selected + 1;
+                        sel[selected++] = Selected{static_cast<int64_t>(b), static_cast<int64_t>(c), box};
+                    }
+                    for (uint32_t s = 0; s < selected; ++s, ++row) {
+                        if (row >= row_capacity) continue;
+                        rows[row * kTripleValues + 0] = sel[s].batch;
+                        rows[row * kTripleValues + 1] = sel[s].cls;
+                        rows[row * kTripleValues + 2] = sel[s].box;
+                    }
+                    continue;
+                }
+            }
             // Stable: equal scores keep ascending box order.
             npucpu::stable_sort(cands, n, sizeof(BboxInfo), cmp_bbox_info);
 
-            uint32_t selected = 0;
             for (uint64_t k = 0; k < n; ++k) {
                 bool suppressed = false;
                 for (uint32_t s = 0; s < selected && !suppressed; ++s) {

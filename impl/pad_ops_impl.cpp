@@ -3,9 +3,11 @@
 // data, or the edge value. Works on bytes, for 4-byte and 1-byte elements.
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "npucpu.h"
 #include "utils/convert.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -88,6 +90,90 @@ void strides_of(const TensorShape &s, uint32_t d, uint64_t *strides) {
     }
 }
 
+// The fast walk of pad_elements, for an output the buffer holds whole: the
+// same per-axis source coordinates, tabulated once per axis; each output
+// row (innermost axis) is cut into runs of consecutive sources, which are
+// copied, and runs of the constant. An element takes the constant when any
+// of its axes does, else the input element its coordinates name, exactly as
+// the element loop decides (the guards before it leave no unflagged source
+// outside the data on a path that reads).
+void pad_by_rows(const void *input, void *output, const void *constant, uint8_t e,
+                 const TensorShape *in_shape, const TensorShape *out_shape, const int64_t *pads,
+                 PadMode mode, const uint64_t *in_strides) {
+    const uint32_t d = in_shape->dim_num;
+    const uint32_t last = d - 1;
+    // Outer axes: per output coordinate, the source offset or the constant.
+    std::vector<std::vector<int64_t>> offset(d);
+    for (uint32_t k = 0; k < last; ++k) {
+        offset[k].resize(out_shape->dims[k]);
+        for (uint64_t c = 0; c < out_shape->dims[k]; ++c) {
+            int64_t p;
+            bool flag;
+            source_coord(mode, static_cast<int64_t>(c), pads[k], pads[d + k],
+                         static_cast<int64_t>(in_shape->dims[k]), &p, &flag);
+            offset[k][c] = flag ? -1 : static_cast<int64_t>(static_cast<uint64_t>(p) * in_strides[k]);
+        }
+    }
+    // The innermost axis as runs: [start, start + len) from source `src`
+    // (consecutive), or the constant (src < 0).
+    struct Run {
+        uint64_t start, len;
+        int64_t src;
+    };
+    std::vector<Run> runs;
+    const uint64_t width = out_shape->dims[last];
+    for (uint64_t c = 0; c < width; ++c) {
+        int64_t p;
+        bool flag;
+        source_coord(mode, static_cast<int64_t>(c), pads[last], pads[d + last],
+                     static_cast<int64_t>(in_shape->dims[last]), &p, &flag);
+        const int64_t src = flag ? -1 : p;
+        if (!runs.empty()) {
+            Run &r = runs.back();
+            const bool extends = src < 0 ? r.src < 0
+                                         : r.src >= 0 && r.src + static_cast<int64_t>(r.len) == src;
+            if (extends) {
+                ++r.len;
+                continue;
+            }
+        }
+        runs.push_back({c, 1, src});
+    }
+    char *out = static_cast<char *>(output);
+    const char *in = static_cast<const char *>(input);
+    auto fill = [&](char *dst, uint64_t n) {
+        for (uint64_t j = 0; j < n; ++j) std::memcpy(dst + j * e, constant, e);
+    };
+    uint64_t rows = 1;
+    for (uint32_t k = 0; k < last; ++k) rows *= out_shape->dims[k];
+    uint64_t coord[NPU_MAX_DIMS] = {};
+    for (uint64_t row = 0; row < rows; ++row) {
+        char *dst = out + row * width * e;
+        bool outer_constant = false;
+        int64_t base = 0;
+        for (uint32_t k = 0; k < last; ++k) {
+            const int64_t o = offset[k][coord[k]];
+            outer_constant = outer_constant || o < 0;
+            base += o;
+        }
+        if (outer_constant) {
+            fill(dst, width);
+        } else {
+            for (const Run &r : runs) {
+                if (r.src < 0) {
+                    fill(dst + r.start * e, r.len);
+                } else {
+                    std::memcpy(dst + r.start * e, in + (base + r.src) * e, r.len * e);
+                }
+            }
+        }
+        for (uint32_t k = last; k-- > 0;) {
+            if (++coord[k] < out_shape->dims[k]) break;
+            coord[k] = 0;
+        }
+    }
+}
+
 // The element loop behind pad_run. `in_cap` and `out_cap` are the elements
 // the input and output buffers hold (kUnbounded when unknown). Everything
 // that could make the loop read or write outside a buffer is settled per
@@ -151,6 +237,11 @@ uint32_t pad_elements(const void *input, uint64_t in_cap, void *output, uint64_t
     }
     if (takes_constant && constant == nullptr) return NPU_ERR_INVALID_ARG;
     if (output == nullptr) return NPU_ERR_INVALID_ARG;
+
+    if (npucpu::fast_paths_enabled() && count <= out_cap && d >= 1) {
+        pad_by_rows(input, output, constant, e, in_shape, out_shape, pads, mode, in_strides);
+        return NPU_OK;
+    }
 
     // Guard: writes stop at the end of the output buffer.
     const uint64_t limit = count < out_cap ? count : out_cap;

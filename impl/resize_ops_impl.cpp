@@ -12,6 +12,8 @@
 
 #include "npucpu.h"
 #include "utils/convert.h"
+#include "utils/dispatch.h"
+#include "utils/resize_taps.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -318,6 +320,19 @@ NPU_API uint32_t resize_compute(OperatorContext *handle) {
             rows.data[r] = plane + static_cast<uint64_t>(r) * g.in_w;
         }
     };
+    // Fast rows where every output element is written (the literal walk
+    // stops at the output buffer's end).
+    if (npucpu::active_isa() >= npucpu::Isa::Avx2 && rows_used == g.out_h &&
+        cols_used == g.out_w && planes * g.out_h * g.out_w <= out_cap &&
+        planes * g.out_h * g.out_w > 0) {
+        const bool done =
+            attrs.sampling == kLinear
+                ? npucpu::resize_bilinear_fast(in, out, planes, g.in_h, g.in_w, g.out_h, g.out_w,
+                                               src_y.data, src_x.data)
+                : npucpu::resize_cubic_fast(in, out, planes, g.in_h, g.in_w, g.out_h, g.out_w,
+                                            src_y.data, src_x.data, attrs.cubic_a);
+        if (done) return NPU_OK;
+    }
     if (attrs.sampling == kLinear) {
         walk_planes(in, out, g, planes, out_cap, point_rows,
                     [&](float *, uint32_t oy, uint32_t ox) {

@@ -3,8 +3,10 @@
 #include <cstdlib>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
+#include "utils/softmax_fast.h"
 
 namespace {
 
@@ -84,6 +86,18 @@ NPU_API uint32_t softmax_compute(OperatorContext *handle) {
     // where the input ends.
     const uint64_t in_cap = in.buf_len / sizeof(float);
     const uint64_t out_cap = out.buf_len / sizeof(float);
+    // Fast path: contiguous slices wholly inside both buffers, eight rows at
+    // a time in a scratch tile of 8 * len floats.
+    if (npucpu::active_isa() >= npucpu::Isa::Avx2 && inner == 1 && len > 0 &&
+        outer * len <= in_cap && outer * len <= out_cap) {
+        float *scratch = static_cast<float *>(std::malloc(sizeof(float) * 8 * static_cast<uint64_t>(len)));
+        if (scratch != nullptr) {
+            npucpu::softmax_rows_avx2(src, dst, outer, len, scratch,
+                                      npucpu::active_isa() >= npucpu::Isa::Avx512);
+            std::free(scratch);
+            return NPU_OK;
+        }
+    }
     // One slice gathered into a contiguous array at a time.
     float *slice = static_cast<float *>(std::malloc(sizeof(float) * len));
     for (uint64_t o = 0; o < outer; ++o) {

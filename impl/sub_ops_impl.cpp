@@ -14,7 +14,7 @@ NPU_API uint32_t sub_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t sub_compute(OperatorContext *handle) {
-    return npucpu::binary_compute(handle, [](float a, float b) { return a - b; });
+    return npucpu::binary_compute(handle, [](float a, float b) { return a - b; }, npucpu::BinaryKind::Sub);
 }
 
 }  // extern "C"

@@ -1,5 +1,7 @@
 // The K largest or smallest elements of every slice along one axis, with
 // their indices along that axis.
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -7,6 +9,7 @@
 
 #include "npucpu.h"
 #include "utils/convert.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 #include "utils/stable_sort.h"
@@ -32,6 +35,13 @@ uint32_t read_k(const npucpu::TensorInfo &in1) {
 
 const TopkPair &pair_of(const void *p) { return *static_cast<const TopkPair *>(p); }
 
+template <typename T>
+T pair_value(const TopkPair &p);
+template <>
+float pair_value<float>(const TopkPair &p) { return p.value.f; }
+template <>
+int32_t pair_value<int32_t>(const TopkPair &p) { return p.value.i; }
+
 // The float comparators never answer 0. Where each of two pairs says the
 // other does not come first (equal values, or a NaN), the merge sort is told
 // they tie, so they keep their ascending index order.
@@ -55,10 +65,118 @@ const Order kOrderS32{cmp_largest_s32, cmp_smallest_s32};
 // to go by and pass kUnbounded.
 constexpr uint64_t kUnbounded = std::numeric_limits<uint64_t>::max();
 
+// The K best pairs of one slice without sorting it, where that gives the
+// stable merge sort's first K pairs: with comparators that order the slice
+// consistently (no NaN among floats; integers less than 2^31 apart, so that
+// the wrapping difference keeps its sign), the sort's order is by value, ties
+// in index order, and the first K of it are what an insertion into a K-long
+// list keeps. Returns false (nothing written) where that does not hold.
+constexpr uint64_t kFastMaxK = 64;
+
+inline bool is_nan_value(float v) { return v != v; }
+inline bool is_nan_value(int32_t) { return false; }
+// Float comparisons order every non-NaN pair consistently; the integer
+// comparators subtract with wrapping, which keeps its sign below 2^31.
+inline bool consistent_range(float, float) { return true; }
+inline bool consistent_range(int32_t lo, int32_t hi) {
+    return static_cast<int64_t>(hi) - static_cast<int64_t>(lo) <= INT32_MAX;
+}
+
+// Whether a slice can be selected: floats hold no NaN, integers lie within
+// 2^31 of each other.
+bool consistent_slice(const float *in, uint64_t first, uint64_t stride, uint32_t n) {
+    bool nan = false;
+    if (stride == 1) {
+        const float *x = in + first;
+        __m128 acc = _mm_setzero_ps();
+        uint32_t m = 0;
+        for (; m + 4 <= n; m += 4) {
+            const __m128 v = _mm_loadu_ps(x + m);
+            acc = _mm_or_ps(acc, _mm_cmpunord_ps(v, v));
+        }
+        nan = _mm_movemask_ps(acc) != 0;
+        for (; m < n; ++m) nan |= x[m] != x[m];
+    } else {
+        for (uint32_t m = 0; m < n; ++m) nan |= is_nan_value(in[first + m * stride]);
+    }
+    return !nan;
+}
+bool consistent_slice(const int32_t *in, uint64_t first, uint64_t stride, uint32_t n) {
+    int32_t lo = in[first], hi = in[first];
+    for (uint32_t m = 0; m < n; ++m) {
+        const int32_t v = in[first + m * stride];
+        lo = v < lo ? v : lo;
+        hi = v > hi ? v : hi;
+    }
+    return consistent_range(lo, hi);
+}
+
+// Whether any of the eight elements at x is strictly better than last.
+inline bool any_better(const float *x, float last, bool largest) {
+    const __m128 l = _mm_set1_ps(last);
+    const __m128 a = _mm_loadu_ps(x), b = _mm_loadu_ps(x + 4);
+    const __m128 r = largest ? _mm_or_ps(_mm_cmpgt_ps(a, l), _mm_cmpgt_ps(b, l))
+                             : _mm_or_ps(_mm_cmplt_ps(a, l), _mm_cmplt_ps(b, l));
+    return _mm_movemask_ps(r) != 0;
+}
+inline bool any_better(const int32_t *x, int32_t last, bool largest) {
+    const __m128i l = _mm_set1_epi32(last);
+    const __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i *>(x));
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i *>(x + 4));
+    const __m128i r = largest ? _mm_or_si128(_mm_cmpgt_epi32(a, l), _mm_cmpgt_epi32(b, l))
+                              : _mm_or_si128(_mm_cmplt_epi32(a, l), _mm_cmplt_epi32(b, l));
+    return _mm_movemask_epi8(r) != 0;
+}
+
+template <typename T>
+bool select_slice(const T *in, uint64_t first, uint64_t stride, uint32_t n, uint64_t km,
+                  bool largest, TopkPair *best) {
+    if (!consistent_slice(in, first, stride, n)) return false;
+
+    // best[0 .. size) in sort order; a later element enters only when it is
+    // strictly better than the last kept one (ties keep index order).
+    uint64_t size = 0;
+    uint32_t m = 0;
+    while (m < n) {
+        if (size == km && stride == 1) {
+            // Skip blocks of eight that hold nothing better than the last
+            // kept element (a branch-free test the compiler vectorises).
+            const T last = pair_value<T>(best[km - 1]);
+            const T *x = in + first;
+            while (m + 8 <= n && !any_better(x + m, last, largest)) m += 8;
+            if (m >= n) break;
+        }
+        const T v = in[first + m * stride];
+        if (size == km) {
+            const T last = pair_value<T>(best[km - 1]);
+            if (largest ? !(v > last) : !(v < last)) {
+                ++m;
+                continue;
+            }
+            --size;
+        }
+        uint64_t at = size;
+        while (at > 0) {
+            const T prev = pair_value<T>(best[at - 1]);
+            if (largest ? !(v > prev) : !(v < prev)) break;
+            best[at] = best[at - 1];
+            --at;
+        }
+        std::memset(&best[at], 0, sizeof(TopkPair));
+        best[at].index = m;
+        std::memcpy(&best[at].value, &v, sizeof(T));
+        ++size;
+        ++m;
+    }
+    return true;
+}
+
 // Selection of one slice after another into the pair array, then the
 // unsorted rearrangements, then the first K pairs written out. Reads stay
 // below in_cap input elements (a slice is cut where the input ends) and
-// writes below out_cap elements of each output.
+// writes below out_cap elements of each output. With fast paths enabled, a
+// slice that lies wholly inside both buffers is selected without the sort
+// where select_slice can.
 template <typename T>
 uint32_t top_walk(const T *in, uint64_t in_cap, T *out_values, uint32_t *out_indices,
                   uint64_t out_cap, const TensorShape &shape, int32_t k, uint32_t axis,
@@ -72,23 +190,31 @@ uint32_t top_walk(const T *in, uint64_t in_cap, T *out_values, uint32_t *out_ind
     // Guard: K is clamped to the axis length (the pair array holds n pairs);
     // a negative K selects nothing.
     const uint64_t kk = k < 0 ? 0 : std::min<uint64_t>(static_cast<uint64_t>(k), n);
+    const bool fast = npucpu::fast_paths_enabled() && kk >= 1 && kk <= kFastMaxK &&
+                      outer * n * inner <= in_cap && outer * kk * inner <= out_cap;
 
     // At least one record, so an empty axis does not depend on malloc(0).
     TopkPair *pairs = static_cast<TopkPair *>(std::malloc(sizeof(TopkPair) * std::max(n, 1u)));
     if (pairs == nullptr) return NPU_FAIL;
     for (uint64_t o = 0; o < outer; ++o) {
         for (uint64_t i = 0; i < inner; ++i) {
-            std::memset(pairs, 0, sizeof(TopkPair) * n);
-            uint32_t m = 0;  // pairs filled: n unless the input ends first
-            for (; m < n; ++m) {
-                const uint64_t src = o * n * inner + m * inner + i;
-                if (src >= in_cap) break;
-                pairs[m].index = m;
-                std::memcpy(&pairs[m].value, &in[src], sizeof(T));
+            uint64_t km = 0;
+            if (fast && select_slice(in, o * n * inner + i, inner, n, kk, largest != 0, pairs)) {
+                km = kk;
+            } else {
+                std::memset(pairs, 0, sizeof(TopkPair) * n);
+                uint32_t m = 0;  // pairs filled: n unless the input ends first
+                for (; m < n; ++m) {
+                    const uint64_t src = o * n * inner + m * inner + i;
+                    if (src >= in_cap) break;
+                    pairs[m].index = m;
+                    std::memcpy(&pairs[m].value, &in[src], sizeof(T));
+                }
+                km = std::min<uint64_t>(kk, m);
+                npucpu::stable_sort(pairs, m, sizeof(TopkPair),
+                                    largest != 0 ? order.largest : order.smallest);
             }
-            const uint64_t km = std::min<uint64_t>(kk, m);
             if (largest != 0) {
-                npucpu::stable_sort(pairs, m, sizeof(TopkPair), order.largest);
                 if (sorted == 0 && km >= 2) {
                     // The pair at K/2 goes to the front; those before it move
                     // up one place.
@@ -98,7 +224,6 @@ uint32_t top_walk(const T *in, uint64_t in_cap, T *out_values, uint32_t *out_ind
                     pairs[0] = taken;
                 }
             } else {
-                npucpu::stable_sort(pairs, m, sizeof(TopkPair), order.smallest);
                 // Unsorted: the K smallest come out in descending order.
                 if (sorted == 0) npucpu::stable_sort(pairs, km, sizeof(TopkPair), order.largest);
             }

@@ -5,7 +5,9 @@
 #include <cstdint>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
+#include "utils/transpose_fast.h"
 
 namespace {
 
@@ -102,6 +104,17 @@ NPU_API uint32_t transpose_compute(OperatorContext *handle) {
 
     const float *src = static_cast<const float *>(in.buf);
     float *dst = static_cast<float *>(out.buf);
+    // Fast path: an output of the permuted input shape that both buffers
+    // hold whole (then every position decodes inside both).
+    if (npucpu::active_isa() >= npucpu::Isa::Avx2 && total <= out_count && total <= in_count &&
+        total < (uint64_t{1} << 32)) {
+        bool permuted = true;
+        for (uint32_t d = 0; d < r; ++d) permuted &= out.shape.dims[d] == in.shape.dims[perm[d]];
+        if (permuted) {
+            npucpu::transpose_fast_avx2(src, dst, rank, in.shape.dims, perm);
+            return NPU_OK;
+        }
+    }
     for (uint64_t n = 0; n < total; ++n) {
         // Guard: writes stop at the end of the output buffer, and positions
         // past the input buffer (an output shape that is not the permuted

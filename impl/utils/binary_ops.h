@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 
+#include "binary_fast.h"
+#include "dispatch.h"
 #include "npucpu.h"
 #include "op_context.h"
 
@@ -26,8 +28,10 @@ uint32_t binary_check_supported(OperatorContext *handle);
 
 // Broadcasts both inputs to the output shape and writes
 // out[i] = op(a[i], b[i]) for min(buf_len / 4, element count) elements.
+// `kind` names op for the fast walk, which takes over where it applies and
+// the output buffer holds every element.
 template <typename Op>
-uint32_t binary_compute(OperatorContext *handle, Op op) {
+uint32_t binary_compute(OperatorContext *handle, Op op, BinaryKind kind) {
     const TensorInfo in0 = input_info(handle, 0);
     if (in0.buf == nullptr) return NPU_ERR_INVALID_ARG;
     const TensorInfo in1 = input_info(handle, 1);
@@ -36,6 +40,18 @@ uint32_t binary_compute(OperatorContext *handle, Op op) {
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
 
+    if (active_isa() >= Isa::Avx2) {
+        uint64_t all = 1;
+        for (uint32_t k = 0; k < out.shape.dim_num && all < (uint64_t{1} << 32); ++k) {
+            all *= out.shape.dims[k];
+        }
+        if (all < (uint64_t{1} << 32) && out.buf_len / sizeof(float) >= all &&
+            binary_fast_avx2(kind, in0.shape, static_cast<const float *>(in0.buf), in1.shape,
+                             static_cast<const float *>(in1.buf), out.shape,
+                             static_cast<float *>(out.buf))) {
+            return NPU_OK;
+        }
+    }
     float *a = broadcast(&in0.shape, in0.dtype, static_cast<const float *>(in0.buf), &out.shape);
     float *b = broadcast(&in1.shape, in1.dtype, static_cast<const float *>(in1.buf), &out.shape);
     const uint64_t count = element_count(out.shape);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <limits>
 
+#include "dispatch.h"
 #include "op_context.h"
 #include "op_log.h"
 
@@ -45,6 +46,62 @@ uint32_t declared_outputs(OperatorContext *handle) {
     uint32_t n = 1;
     qv_kel_custom_get_output_num(handle, &n);
     return n;
+}
+
+// The fast walk, where it gives the literal walk's results: a 4-D NCHW
+// input that its buffer holds, non-negative pads and a kernel inside the
+// padded plane (so the literal's end-of-tensor checks never apply), every
+// count inside 32 bits, and outputs that hold every window. Output 0 past
+// the windows is zero-filled as the literal does. When the fast walk gives
+// up part way (see pool_fast_run), the caller zero-fills output 0 and the
+// literal walk rewrites every window.
+bool try_fast_walk(PoolFastKind kind, const TensorInfo &in, const uint32_t strides[2],
+                   const uint32_t kernel_hw[2], const uint32_t pads[4], uint32_t count_include_pad,
+                   const TensorInfo &out, const TensorInfo &positions) {
+    if (kind == PoolFastKind::None || !fast_paths_enabled()) return false;
+    if (in.shape.dim_num != 4 || in.format != NPU_FORMAT_NCHW) return false;
+    constexpr uint32_t kLimit = 1u << 16;
+    const uint64_t N = in.shape.dims[0], C = in.shape.dims[1];
+    const uint32_t H = in.shape.dims[2], W = in.shape.dims[3];
+    if (N == 0 || C == 0 || H == 0 || W == 0 || H >= kLimit || W >= kLimit) return false;
+    for (int i = 0; i < 4; ++i) {
+        if (pads[i] >= kLimit) return false;
+    }
+    const uint32_t Hp = H + pads[0] + pads[2], Wp = W + pads[1] + pads[3];
+    if (strides[0] < 1 || strides[1] < 1 || kernel_hw[0] < 1 || kernel_hw[1] < 1 ||
+        kernel_hw[0] > Hp || kernel_hw[1] > Wp) {
+        return false;
+    }
+    if (N * C * Hp * Wp >= (uint64_t{1} << 32)) return false;
+    if (in.buf_len / sizeof(float) < N * C * H * W) return false;
+    const uint64_t windows = N * C * pool_fast_windows(Hp, kernel_hw[0], strides[0]) *
+                             pool_fast_windows(Wp, kernel_hw[1], strides[1]);
+    if (out.buf_len / sizeof(float) < windows) return false;
+    const bool with_positions = positions.buf != nullptr;
+    if (with_positions && positions.buf_len / sizeof(uint32_t) < windows) return false;
+
+    PoolFastArgs a{};
+    a.kind = kind;
+    a.x = static_cast<const float *>(in.buf);
+    a.planes = N * C;
+    a.height = H;
+    a.width = W;
+    a.top = pads[0];
+    a.left = pads[1];
+    a.bottom = pads[2];
+    a.right = pads[3];
+    a.kernel_h = kernel_hw[0];
+    a.kernel_w = kernel_hw[1];
+    a.stride_h = strides[0];
+    a.stride_w = strides[1];
+    a.count_include_pad = count_include_pad;
+    a.y = static_cast<float *>(out.buf);
+    a.positions = with_positions ? static_cast<uint32_t *>(positions.buf) : nullptr;
+    if (!pool_fast_run(a)) return false;
+    // Output 0 past the windows keeps the zero fill.
+    std::memset(static_cast<char *>(out.buf) + windows * sizeof(float), 0,
+                out.buf_len - windows * sizeof(float));
+    return true;
 }
 
 }  // namespace
@@ -133,14 +190,23 @@ uint32_t pool_compute(OperatorContext *handle, const PoolKernel &kernel) {
 
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
-    std::memset(out.buf, 0, out.buf_len);
 
     // Output 1 (positions) is not zero-filled.
     TensorInfo positions;
     if (kernel.writes_positions && declared_outputs(handle) > 1) {
         positions = output_info(handle, 1);
-        if (positions.buf == nullptr) return NPU_ERR_INVALID_ARG;
+        if (positions.buf == nullptr) {
+            std::memset(out.buf, 0, out.buf_len);  // output 0 is zero-filled first
+            return NPU_ERR_INVALID_ARG;
+        }
     }
+
+    // The fast walk zero-fills only what it does not write.
+    if (try_fast_walk(kernel.fast, in, strides, kernel_hw, pads, count_include_pad, out,
+                      positions)) {
+        return NPU_OK;
+    }
+    std::memset(out.buf, 0, out.buf_len);
 
     // The wrapper borrows the input buffer; the padded tensor owns its data.
     Tensor *wrapper = static_cast<Tensor *>(std::calloc(1, sizeof(Tensor)));

@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "npucpu.h"
+#include "pool_fast.h"
 
 namespace npucpu {
 
@@ -80,6 +81,7 @@ struct PoolKernel {
     PoolResult (*window)(const PoolWindow &w);
     bool reads_count_include_pad;  // averagepool
     bool writes_positions;         // maxpool: output 1 when declared
+    PoolFastKind fast;             // the fast walk that gives the same results
 };
 
 // The compute skeleton: reads the input, the attributes and the outputs,

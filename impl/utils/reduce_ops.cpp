@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "dispatch.h"
 #include "op_context.h"
 #include "op_log.h"
 
@@ -76,7 +77,7 @@ uint32_t reduce_check_supported(OperatorContext *handle) {
     return input_info(handle, 0).dtype == NPU_DTYPE_FLOAT32 ? 1u : 0u;
 }
 
-uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass) {
+uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn fast) {
     const TensorInfo in = input_info(handle, 0);
     if (in.dtype != NPU_DTYPE_FLOAT32) return NPU_ERR_INVALID_ARG;
     if (in.buf == nullptr) return NPU_ERR_INVALID_ARG;
@@ -121,6 +122,13 @@ uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass) {
         }
     } else {
         for (int32_t d = 0; d < r; ++d) list.push_back(d);
+    }
+
+    if (fast != nullptr && list.size() == 1 && fast_paths_enabled() &&
+        fast(static_cast<const float *>(in.buf), in.buf_len / sizeof(float),
+             static_cast<float *>(out.buf), out.buf_len / sizeof(float), in.shape.dims, r,
+             static_cast<uint32_t>(list[0]))) {
+        return NPU_OK;
     }
 
     uint32_t work_dims[NPU_MAX_DIMS];

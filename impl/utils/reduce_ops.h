@@ -33,9 +33,16 @@ uint32_t reduce_infershape(OperatorContext *handle, const char *unit);
 // 1 when input 0 is 32-bit float.
 uint32_t reduce_check_supported(OperatorContext *handle);
 
+// A fast form of one pass over a single axis straight from the input buffer
+// into the output buffer, with the pass's results; false where it does not
+// apply (the work buffers then run as usual).
+using ReduceFastFn = bool (*)(const float *in, uint64_t in_cap, float *out, uint64_t out_cap,
+                              const uint32_t *in_dims, int32_t rank, uint32_t axis);
+
 // Runs one `pass` per listed axis, in the order given, then copies the front
-// of the work buffer to the output.
-uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass);
+// of the work buffer to the output. With fast paths enabled, a list of one
+// axis goes to `fast` first when given.
+uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn fast = nullptr);
 
 }  // namespace npucpu
 

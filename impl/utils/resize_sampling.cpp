@@ -14,6 +14,7 @@
 
 #include "convert.h"
 #include "npucpu.h"
+#include "resize_taps.h"
 
 namespace {
 
@@ -59,6 +60,11 @@ uint32_t nearest_index(float rounded, uint32_t size) {
     return i;
 }
 
+}  // namespace
+
+// Shared with the fast resize rows (resize_taps.h).
+namespace npucpu {
+
 // Cubic convolution weights of the four taps around a sample whose distance
 // from the tap left of it is t, with coefficient a. Each line is a Horner
 // scheme of fused multiply-adds, innermost first.
@@ -90,12 +96,6 @@ int64_t clamp_index(int64_t i, uint32_t size) {
     return i;
 }
 
-// Left (or upper) neighbour of a bilinear sample and the weight of the right one.
-struct BilinearTap {
-    int64_t lo;
-    int64_t hi;
-    float frac;
-};
 
 BilinearTap bilinear_tap(float c, uint32_t size) {
     BilinearTap t{0, 1, 0.0f};
@@ -114,7 +114,12 @@ BilinearTap bilinear_tap(float c, uint32_t size) {
     return t;
 }
 
-}  // namespace
+}  // namespace npucpu
+
+using npucpu::bilinear_tap;
+using npucpu::BilinearTap;
+using npucpu::clamp_index;
+using npucpu::CubicCoefficients;
 
 extern "C" {
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "convert.h"
+#include "dispatch.h"
 #include "npucpu.h"
 #include "op_log.h"
 
@@ -401,6 +402,61 @@ NPU_API float *slice_one_axis(float *data, int32_t *total, uint32_t *dims, int32
     return result;
 }
 
+// The fast form of slice for the ordinary case: every axis selects at least
+// one position, all inside the axis (then each one-axis pass of the literal
+// kernel keeps exactly those positions), and the output holds the whole
+// selection. One pass over the output with the positions per axis instead
+// of a copy of the tensor per axis. False (nothing written) otherwise.
+static bool slice_strided(const Tensor *input, const int32_t *starts, const int32_t *ends,
+                          const int32_t *steps, Tensor *output) {
+    const uint32_t rank = input->shape.dim_num;
+    if (rank == 0) return false;
+    int64_t count[NPU_MAX_DIMS], step[NPU_MAX_DIMS], first[NPU_MAX_DIMS];
+    uint64_t stride[NPU_MAX_DIMS];
+    uint64_t total = 1, s = 1;
+    for (uint32_t d = rank; d-- > 0;) {
+        const int64_t n = input->shape.dims[d];
+        const int64_t start = starts[d], end = ends[d], p = steps[d];
+        int64_t c = 0;
+        if (p >= 1 && start < end) c = (end - 1 - start) / p + 1;
+        if (p < 0 && start > end) c = (start - end - 1) / -p + 1;
+        if (c < 1) return false;
+        const int64_t last = start + (c - 1) * p;
+        if ((start < last ? start : last) < 0 || (start < last ? last : start) >= n) return false;
+        count[d] = c;
+        step[d] = p;
+        first[d] = start;
+        stride[d] = s;
+        s *= static_cast<uint64_t>(n);
+        total *= static_cast<uint64_t>(c);
+    }
+    if (GetElemSize(&output->shape) < total) return false;
+
+    const uint32_t last = rank - 1;
+    uint64_t rows = total / static_cast<uint64_t>(count[last]);
+    int64_t coord[NPU_MAX_DIMS] = {};
+    int64_t base = 0;  // source of the row's first element
+    for (uint32_t d = 0; d < last; ++d) base += first[d] * static_cast<int64_t>(stride[d]);
+    float *dst = output->data;
+    const float *src = input->data;
+    const int64_t w = count[last], p = step[last];
+    for (uint64_t row = 0; row < rows; ++row, dst += w) {
+        const float *from = src + base + first[last];
+        if (p == 1) {
+            std::memcpy(dst, from, static_cast<size_t>(w) * sizeof(float));
+        } else {
+            for (int64_t j = 0; j < w; ++j) dst[j] = from[j * p];
+        }
+        for (uint32_t d = last; d-- > 0;) {
+            base += step[d] * static_cast<int64_t>(stride[d]);
+            if (++coord[d] < count[d]) break;
+            base -= count[d] * step[d] * static_cast<int64_t>(stride[d]);
+            coord[d] = 0;
+        }
+    }
+    return true;
+}
+
 NPU_API uint32_t slice(const Tensor *input, const int32_t *starts, const int32_t *ends,
                        const int32_t *steps, Tensor *output) {
     // Guard: missing records, buffers or parameter arrays: nothing is written.
@@ -413,6 +469,10 @@ NPU_API uint32_t slice(const Tensor *input, const int32_t *starts, const int32_t
     // Guard: a rank past the dims array, or more elements than the signed
     // 32-bit total counts: nothing is written.
     if (!rank_fits(rank) || elements > static_cast<uint32_t>(INT32_MAX)) return NPU_OK;
+
+    if (npucpu::fast_paths_enabled() && slice_strided(input, starts, ends, steps, output)) {
+        return NPU_OK;
+    }
 
     uint32_t dims[NPU_MAX_DIMS] = {};
     std::memcpy(dims, input->shape.dims, rank * sizeof(uint32_t));
