@@ -1,0 +1,190 @@
+// The bad-input table of the README, per operator: each operator's valid
+// seed invocation (fuzz/corpus) is spoiled in one way at a time and run the
+// way a host runs it. The outcomes are rendered as the table's rows and every
+// row must appear, word for word, in the README's "Bad input" section, so the
+// table cannot drift from what the library does. Also the regression tests of
+// the defects the fuzzers found.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "../fuzz/harness.h"
+#include "test_util.h"
+
+namespace {
+
+using npucpu_fuzz::Op;
+using npucpu_fuzz::Outcome;
+
+std::string source_root() {
+    std::string here = __FILE__;
+    return here.substr(0, here.rfind('/')) + "/..";
+}
+
+std::string status_name(uint32_t s) {
+    switch (s) {
+    case NPU_OK: return "OK";
+    case NPU_ERR_INVALID_ARG: return "ARG";
+    case NPU_ERR_SHAPE: return "SHAPE";
+    case NPU_ERR_INPUT_NUM: return "NUM";
+    case NPU_ERR_INPUT: return "INPUT";
+    case NPU_ERR_UNSUPPORTED: return "UNSUP";
+    case NPU_FAIL: return "FAIL";
+    default: {
+        char buf[16];
+        std::snprintf(buf, sizeof buf, "%#x", s);
+        return buf;
+    }
+    }
+}
+
+// "infershape/compute": "NUM" when infershape refused, "OK/ARG" when it
+// passed and compute returned ARG, "OK/big" when an output would have been
+// too large to allocate.
+std::string cell(const Outcome &o) {
+    if (o.infershape != NPU_OK) return status_name(o.infershape);
+    if (!o.computed) return "OK/big";
+    return "OK/" + status_name(o.compute);
+}
+
+void reset_inputs(OperatorContext *h, uint32_t k) {
+    std::vector<TensorDesc> old(h->inputs, h->inputs + h->input_num);
+    qv_kel_custom_set_inputs_num(h, k);
+    for (uint32_t i = 0; i < k && !old.empty(); ++i) {
+        const TensorDesc &d = old[i < old.size() ? i : 0];
+        qv_kel_custom_set_input_by_index(h, i, d.dtype, d.format, &d.shape, d.buf, d.buf_len, 0);
+    }
+}
+
+bool is_axis_name(const char *n) {
+    return std::strcmp(n, "axis") == 0 || std::strcmp(n, "axes") == 0 ||
+           std::strcmp(n, "perm") == 0;
+}
+
+struct Row {
+    std::string op;
+    std::vector<std::string> cells;
+};
+
+// Runs the probes on one seed.
+Row probe(const npucpu_fuzz::CorpusCase &c) {
+    auto run = [&](const npucpu_fuzz::Tamper &t) {
+        Outcome o;
+        npucpu_test::capture_stderr([&] {
+            npucpu_test::capture_stdout([&] {
+                o = npucpu_fuzz::run_case(*c.family, c.bytes.data(), c.bytes.size(), false,
+                                          nullptr, t);
+            });
+        });
+        return o;
+    };
+    Row row;
+    const Outcome valid = run(nullptr);
+    row.op = c.family->ops[valid.op].name;
+    const Op &op = c.family->ops[valid.op];
+
+    // Wrong input count: none, and one more (a copy of input 0).
+    std::string none = cell(run([](const Op &, OperatorContext *h) { reset_inputs(h, 0); }));
+    std::string more = cell(run([](const Op &, OperatorContext *h) {
+        reset_inputs(h, h->input_num + 1);
+    }));
+    row.cells.push_back(none + "; " + more);
+
+    // Null buffers, on every input the operator checks.
+    if (op.null_inputs == 0) {
+        row.cells.push_back("not checked");
+    } else {
+        row.cells.push_back(cell(run([](const Op &o, OperatorContext *h) {
+            for (uint32_t i = 0; i < h->input_num && i < 8; ++i)
+                if (o.null_inputs >> i & 1) h->inputs[i].buf = nullptr;
+        })));
+    }
+
+    // Input 0 with a zero first dim (the buffer as before).
+    row.cells.push_back(cell(run([](const Op &, OperatorContext *h) {
+        TensorDesc &d = h->inputs[0];
+        TensorShape s = d.shape;
+        if (s.dim_num == 0) s.dim_num = 1;
+        s.dims[0] = 0;
+        qv_kel_custom_set_input_by_index(h, 0, d.dtype, d.format, &s, d.buf, d.buf_len, 0);
+    })));
+
+    // An axis attribute at 16 (axis, every entry of axes and perm).
+    std::vector<std::vector<int64_t>> store;
+    bool has_axis = false;
+    std::string axis_cell = cell(run([&](const Op &, OperatorContext *h) {
+        for (uint32_t i = 0; i < h->attr_num; ++i) {
+            AttrRecord &a = h->attrs[i];
+            if (!is_axis_name(a.name)) continue;
+            has_axis = true;
+            uint64_t n = a.dtype == NPU_ATTR_INTS ? a.data_len / 8 : 1;
+            store.emplace_back(n ? n : 1, 16);
+            a.data = store.back().data();
+            a.data_len = a.dtype == NPU_ATTR_INTS ? 8 * store.back().size() : 8;
+        }
+    }));
+    row.cells.push_back(has_axis ? axis_cell : "no axis attribute");
+
+    // Every attribute of another type: int <-> float, ints <-> floats,
+    // string -> int.
+    if (c.bytes.size() > 3 && c.bytes[3] % 10 == 0) {
+        row.cells.push_back("no attributes");
+    } else {
+        row.cells.push_back(cell(run([](const Op &, OperatorContext *h) {
+            static const uint32_t other[5] = {NPU_ATTR_FLOAT, NPU_ATTR_FLOATS, NPU_ATTR_INT,
+                                              NPU_ATTR_INTS, NPU_ATTR_INT};
+            for (uint32_t i = 0; i < h->attr_num; ++i)
+                if (h->attrs[i].dtype < 5) h->attrs[i].dtype = other[h->attrs[i].dtype];
+        })));
+    }
+
+    // Input 0 declared float16, a type no operator supports (the buffer as
+    // before, so it still covers the shape).
+    Outcome f16 = run([](const Op &, OperatorContext *h) { h->inputs[0].dtype = NPU_DTYPE_FLOAT16; });
+    row.cells.push_back("supported " + std::to_string(f16.check_supported) + ", " + cell(f16));
+    return row;
+}
+
+std::string render(const Row &r) {
+    std::string s = "| `" + r.op + "` |";
+    for (const auto &c : r.cells) s += " " + c + " |";
+    return s;
+}
+
+std::string readme_section() {
+    std::ifstream in(source_root() + "/README.md");
+    std::stringstream ss;
+    ss << in.rdbuf();
+    std::string text = ss.str();
+    size_t start = text.find("## Bad input");
+    if (start == std::string::npos) return "";
+    size_t end = text.find("\n## ", start + 1);
+    return text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+}
+
+TEST(BadInput, EveryOperatorsRowIsInTheReadme) {
+    const auto cases = npucpu_fuzz::load_corpus(source_root() + "/fuzz/corpus");
+    ASSERT_FALSE(cases.empty());
+    const std::string section = readme_section();
+    ASSERT_FALSE(section.empty());
+    std::map<std::string, bool> seen;
+    std::string missing;
+    for (const auto &c : cases) {
+        // The first seed of each operator (<op>-0) stands for it.
+        if (c.name.size() < 2 || c.name.compare(c.name.size() - 2, 2, "-0") != 0) continue;
+        const Row row = probe(c);
+        seen[row.op] = true;
+        const std::string line = render(row);
+        if (section.find(line + "\n") == std::string::npos) missing += line + "\n";
+    }
+    EXPECT_EQ(missing, "") << "rows missing from README.md's Bad input section";
+    for (const auto &f : npucpu_fuzz::families())
+        for (const auto &op : f.ops) EXPECT_TRUE(seen[op.name]) << op.name << " has no -0 seed";
+}
+
+}  // namespace
