@@ -187,4 +187,91 @@ TEST(BadInput, EveryOperatorsRowIsInTheReadme) {
         for (const auto &op : f.ops) EXPECT_TRUE(seen[op.name]) << op.name << " has no -0 seed";
 }
 
+// Regressions of defects the fuzzers found: inputs declared with a data
+// type narrower than float (their buffers hold fewer floats than their
+// shapes) were read as floats past their ends. Now compute writes nothing and
+// returns 0xa0808003.
+struct NarrowCase {
+    const char *op;
+    uint32_t (*infershape)(OperatorContext *);
+    uint32_t (*compute)(OperatorContext *);
+    int narrow_input;  // which input is declared 8-bit
+};
+
+TEST(FuzzRegression, NarrowInputsAreNotReadAsFloats) {
+    const NarrowCase cases[] = {
+        {"add", add_infershape, add_compute, 0},   {"sub", sub_infershape, sub_compute, 1},
+        {"mul", mul_infershape, mul_compute, 1},   {"div", div_infershape, div_compute, 0},
+        {"pow", pow_infershape, pow_compute, 1},   {"prelu", prelu_infershape, prelu_compute, 1},
+        {"sum", sum_infershape, sum_compute, 1},   {"mean", mean_infershape, mean_compute, 0},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.op);
+        npucpu_test::Ctx ctx(2, 1);
+        std::vector<float> wide = {1, -2, 3, -4};
+        std::vector<int8_t> narrow = {1, 2, 3, 4};
+        for (int i = 0; i < 2; ++i) {
+            if (i == c.narrow_input)
+                ctx.input(i, npucpu_test::shape_of({4}), narrow.data(), narrow.size(),
+                          NPU_DTYPE_INT8);
+            else
+                ctx.input(i, npucpu_test::shape_of({4}), wide);
+        }
+        ASSERT_EQ(c.infershape(ctx.h), NPU_OK);
+        auto &out = ctx.alloc_output(0, 7.0f);
+        EXPECT_EQ(c.compute(ctx.h), NPU_ERR_INVALID_ARG);
+        EXPECT_EQ(out, std::vector<float>(4, 7.0f));
+    }
+}
+
+TEST(FuzzRegression, ExpandRefusesANarrowInput) {
+    npucpu_test::Ctx ctx(2, 1);
+    std::vector<int8_t> narrow = {1, 2, 3};
+    std::vector<int64_t> shape = {2, 3};
+    ctx.input(0, npucpu_test::shape_of({3}), narrow.data(), narrow.size(), NPU_DTYPE_INT8);
+    ctx.input(1, npucpu_test::shape_of({2}), shape.data(), 16, NPU_DTYPE_INT64);
+    ASSERT_EQ(expand_infershape(ctx.h), NPU_OK);
+    auto &out = ctx.alloc_output(0, 7.0f);
+    EXPECT_EQ(expand_compute(ctx.h), NPU_ERR_INVALID_ARG);
+    EXPECT_EQ(out, std::vector<float>(6, 7.0f));
+}
+
+TEST(FuzzRegression, NmsRefusesScoresNarrowerThanFloat) {
+    npucpu_test::Ctx ctx(3, 1);
+    std::vector<float> boxes = {0, 0, 1, 1, 0, 0, 2, 2};
+    std::vector<int8_t> scores = {9, 8};
+    int64_t max_boxes = 2;
+    ctx.input(0, npucpu_test::shape_of({1, 2, 4}), boxes);
+    ctx.input(1, npucpu_test::shape_of({1, 1, 2}), scores.data(), scores.size(), NPU_DTYPE_INT8);
+    ctx.input(2, npucpu_test::shape_of({1}), &max_boxes, 8, NPU_DTYPE_INT64);
+    ASSERT_EQ(nms_infershape(ctx.h), NPU_OK);
+    std::vector<int64_t> out(6, 7);
+    qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), out.size() * 8);
+    EXPECT_EQ(nms_compute(ctx.h), NPU_ERR_INVALID_ARG);
+    EXPECT_EQ(out, std::vector<int64_t>(6, 7));
+}
+
+// A reduction of an input with a zero dim: a pass after the zero-length axis
+// read an element the empty input does not have. Now no pass runs and the
+// output is left as it was.
+TEST(FuzzRegression, ReductionOfAnEmptyInputReadsNothing) {
+    const struct {
+        const char *op;
+        uint32_t (*infershape)(OperatorContext *);
+        uint32_t (*compute)(OperatorContext *);
+    } ops[] = {{"reducemax", reducemax_infershape, reducemax_compute},
+               {"reducemin", reducemin_infershape, reducemin_compute},
+               {"reducemean", reducemean_infershape, reducemean_compute}};
+    for (const auto &op : ops) {
+        SCOPED_TRACE(op.op);
+        npucpu_test::Ctx ctx(1, 1);
+        float none = 0;
+        ctx.input(0, npucpu_test::shape_of({2, 0, 7}), &none, 0);
+        ASSERT_EQ(op.infershape(ctx.h), NPU_OK);
+        auto &out = ctx.alloc_output(0, 7.0f);
+        EXPECT_EQ(op.compute(ctx.h), NPU_OK);
+        EXPECT_EQ(out, std::vector<float>(out.size(), 7.0f));
+    }
+}
+
 }  // namespace

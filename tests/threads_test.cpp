@@ -28,7 +28,7 @@ TEST(Threads, ConcurrentRunsMatchTheSingleThreadedRun) {
             npucpu_fuzz::run_case(*c.family, c.bytes.data(), c.bytes.size(), true));
 
     constexpr int kThreads = 4;
-    constexpr int kRounds = 3;
+    constexpr int kRounds = 10;
     std::atomic<int> mismatches{0};
     std::vector<std::string> first_mismatch(kThreads);
     std::vector<std::thread> pool;
