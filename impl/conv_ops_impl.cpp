@@ -412,6 +412,18 @@ NPU_API uint32_t conv_compute(OperatorContext *handle) {
         return NPU_ERR_INVALID_ARG;
     }
 
+    // Guard: an input, filter, bias or output buffer holding fewer floats
+    // than its shape (a data type narrower than float, such as the 8-bit
+    // inputs check_supported refuses) would be read or written past its end:
+    // nothing is written.
+    const auto holds_floats = [](const npucpu::TensorInfo &t) {
+        return t.buf_len / sizeof(float) >= npucpu::element_count(t.shape);
+    };
+    if (!holds_floats(x) || !holds_floats(w) || (has_bias && !holds_floats(b)) ||
+        !holds_floats(y)) {
+        return NPU_ERR_INVALID_ARG;
+    }
+
     // The groups accumulate into the output, so it starts at zero.
     std::memset(y.buf, 0, y.buf_len);
 

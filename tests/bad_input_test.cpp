@@ -251,6 +251,38 @@ TEST(FuzzRegression, NmsRefusesScoresNarrowerThanFloat) {
     EXPECT_EQ(out, std::vector<int64_t>(6, 7));
 }
 
+// conv and conv_transpose read and write float elements whatever the data
+// type; an 8-bit input (which conv_transpose's check_supported accepts)
+// was read past its end and its output, sized at one byte per element,
+// written past its end. Now compute writes nothing and returns 0xa0808003.
+TEST(FuzzRegression, ConvolutionsRefuseEightBitTensors) {
+    const struct {
+        const char *op;
+        uint32_t (*infershape)(OperatorContext *);
+        uint32_t (*compute)(OperatorContext *);
+        uint32_t filter_dtype;
+    } ops[] = {{"conv", conv_infershape, conv_compute, NPU_DTYPE_FLOAT32},
+               {"conv_transpose", conv_transpose_infershape, conv_transpose_compute,
+                NPU_DTYPE_INT32}};
+    for (const auto &op : ops) {
+        SCOPED_TRACE(op.op);
+        npucpu_test::Ctx ctx(2, 1, 1);
+        std::vector<uint8_t> x(1 * 1 * 3 * 3, 2);
+        std::vector<float> w(1 * 1 * 2 * 2, 1.0f);
+        ctx.input(0, npucpu_test::shape_of({1, 1, 3, 3}), x.data(), x.size(), NPU_DTYPE_UINT8);
+        ctx.input(1, npucpu_test::shape_of({1, 1, 2, 2}), w.data(), w.size() * 4,
+                  op.filter_dtype);
+        ctx.attr_string(0, "auto_pad", "NOTSET");
+        ASSERT_EQ(op.infershape(ctx.h), NPU_OK);
+        // The host sizes the output from the inferred type: one byte each.
+        const TensorShape s = ctx.output_shape(0);
+        std::vector<uint8_t> out(GetElemSize(&s), 7);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), out.size());
+        EXPECT_EQ(op.compute(ctx.h), NPU_ERR_INVALID_ARG);
+        EXPECT_EQ(out, std::vector<uint8_t>(out.size(), 7));
+    }
+}
+
 // A reduction of an input with a zero dim: a pass after the zero-length axis
 // read an element the empty input does not have. Now no pass runs and the
 // output is left as it was.
