@@ -245,10 +245,40 @@ inline void store_edge(uint8_t *dst, uint32_t dtype, uint8_t b) {
 
 }  // namespace detail
 
-// Host-model preconditions an operator states, enforced on the decoded
-// context before infershape. Currently none need rewriting: every operator
-// survives the decoded contexts as they are.
-inline void fix_preconditions(const Op &, OperatorContext *) {}
+// Host-model assumptions enforced on the decoded context before infershape.
+// Pooling compute pads its input by the `pads` attribute into a temporary
+// it allocates (and fills) whole, whatever the output's size; a host asking
+// for a padded tensor of billions of elements exhausts memory, which the
+// library does not check. So for averagepool and maxpool every `pads` value
+// stays within [0, 1024] and the padded tensor within 2^24 elements; pads
+// outside that are set to 0. Every other operator survives the decoded
+// contexts as they are.
+inline void fix_preconditions(const Op &op, OperatorContext *h) {
+    if (std::strcmp(op.name, "averagepool") != 0 && std::strcmp(op.name, "maxpool") != 0) return;
+    if (h->input_num == 0) return;
+    const TensorDesc &in = h->inputs[0];
+    const uint64_t n = get_batch(&in.shape, in.format), c = get_channel(&in.shape, in.format);
+    const uint64_t hh = get_height(&in.shape, in.format), ww = get_width(&in.shape, in.format);
+    for (uint32_t i = 0; i < h->attr_num; ++i) {
+        AttrRecord &a = h->attrs[i];
+        if (std::strcmp(a.name, "pads") != 0 || a.data == nullptr) continue;
+        const uint64_t k = a.dtype == NPU_ATTR_INTS ? a.data_len / 8 : 0;
+        int64_t p[4] = {0, 0, 0, 0};
+        bool in_range = true;
+        for (uint64_t j = 0; j < k; ++j) {
+            int64_t v;
+            std::memcpy(&v, static_cast<uint8_t *>(a.data) + 8 * j, 8);
+            if (v < 0 || v > 1024) in_range = false;
+            if (j < 4) p[j] = v;
+        }
+        if (in_range && n * c * (hh + uint64_t(p[0]) + uint64_t(p[2])) *
+                                (ww + uint64_t(p[1]) + uint64_t(p[3])) <=
+                            (uint64_t(1) << 24)) {
+            continue;
+        }
+        std::memset(a.data, 0, 8 * k);
+    }
+}
 
 // Decodes `data` into a context for one operator of `fam`, runs it and
 // releases everything. With keep_outputs the output bytes are returned.
