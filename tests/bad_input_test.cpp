@@ -283,6 +283,32 @@ TEST(FuzzRegression, ConvolutionsRefuseEightBitTensors) {
     }
 }
 
+// Pooling padded its input as float elements whatever the data type: an
+// 8-bit input was read past its end. Now compute writes nothing and
+// returns 0xa0808003.
+TEST(FuzzRegression, PoolingRefusesEightBitTensors) {
+    const struct {
+        const char *op;
+        uint32_t (*infershape)(OperatorContext *);
+        uint32_t (*compute)(OperatorContext *);
+    } ops[] = {{"averagepool", averagepool_infershape, averagepool_compute},
+               {"maxpool", maxpool_infershape, maxpool_compute}};
+    for (const auto &op : ops) {
+        SCOPED_TRACE(op.op);
+        npucpu_test::Ctx ctx(1, 1, 2);
+        std::vector<uint8_t> x(25, 3);
+        ctx.input(0, npucpu_test::shape_of({1, 1, 5, 5}), x.data(), x.size(), NPU_DTYPE_UINT8);
+        ctx.attr_string(0, "auto_pad", "NOTSET");
+        ctx.attr_ints(1, "kernel_shape", {2, 2});
+        ASSERT_EQ(op.infershape(ctx.h), NPU_OK);
+        const TensorShape s = ctx.output_shape(0);
+        std::vector<uint8_t> out(GetElemSize(&s), 7);
+        qv_kel_custom_set_output_buf_by_index(ctx.h, 0, out.data(), out.size());
+        EXPECT_EQ(op.compute(ctx.h), NPU_ERR_INVALID_ARG);
+        EXPECT_EQ(out, std::vector<uint8_t>(out.size(), 7));
+    }
+}
+
 // A reduction of an input with a zero dim: a pass after the zero-length axis
 // read an element the empty input does not have. Now no pass runs and the
 // output is left as it was.

@@ -133,6 +133,13 @@ uint32_t pool_compute(OperatorContext *handle, const PoolKernel &kernel) {
 
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: an input or output buffer holding fewer floats than its shape
+    // (a data type narrower than float) would be read or written past its
+    // end: nothing is written.
+    if (in.buf_len / sizeof(float) < element_count(in.shape) ||
+        out.buf_len / sizeof(float) < element_count(out.shape)) {
+        return NPU_ERR_INVALID_ARG;
+    }
     std::memset(out.buf, 0, out.buf_len);
 
     // Output 1 (positions) is not zero-filled.
