@@ -9,7 +9,7 @@ cd "$root"
 . scripts/common.sh
 total_start=$(date +%s)
 # Executions per fuzzer in the deterministic CI runs (docs/reliability.md).
-fuzz_runs=${NPUCPU_FUZZ_RUNS:-60000}
+fuzz_runs=${NPUCPU_FUZZ_RUNS:-200000}
 
 stage "install packages"
 install_missing_packages "$root"
