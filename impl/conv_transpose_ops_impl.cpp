@@ -253,6 +253,13 @@ uint32_t compute_one_group(const Tensor *input, const Tensor *filter, const Tens
         free_tensor(padded);
         return NPU_ERR_INVALID_ARG;
     }
+    // Guard: an output that holds no element has nothing to compute; its
+    // per-channel arrays could be billions long (a zero dim beside dims that
+    // wrapped near 2^32) and would all be empty.
+    if (GetElemSize(&output->shape) == 0) {
+        free_tensor(padded);
+        return NPU_OK;
+    }
     uint32_t *filter_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     uint32_t *out_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     fill_vec_uint32(filter_sizes, filter->shape.dims[1] / K, K);

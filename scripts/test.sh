@@ -46,6 +46,10 @@ TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 build/tsan/tests/test_threa
 stage "build (fuzzers, clang + ASan + UBSan)"
 cmake -S fuzz -B build/fuzz -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 cmake --build build/fuzz -j "$(jobs)"
+# The committed seed corpus is exactly what make_seeds writes.
+rm -rf build/fuzz/seeds
+build/fuzz/make_seeds build/fuzz/seeds
+diff -r build/fuzz/seeds fuzz/corpus
 
 stage "fuzz (deterministic, -seed=1 -runs=$fuzz_runs per family)"
 # Each family from the committed corpus; new inputs go to a scratch directory,

@@ -309,6 +309,54 @@ TEST(FuzzRegression, PoolingRefusesEightBitTensors) {
     }
 }
 
+// Fuzzer inputs kept as they were found (fuzz/regressions/<family>/<name>)
+// and replayed through the same decoder, with the statuses they now give.
+TEST(FuzzRegression, ReplayedInputs) {
+    const struct {
+        const char *family, *file;
+        uint32_t infershape, compute;
+    } cases[] = {
+        // conv_transpose with an NHWC input whose inferred output dims wrapped
+        // to 2^32 - 1 beside a zero dim: do_padding overflowed int64 in its
+        // offsets and then looped over billions of empty rows, and the
+        // per-channel split arrays asked for 16 GiB. Now nothing is computed
+        // for the empty output.
+        {"conv", "conv_transpose-wrapped-dims", NPU_OK, NPU_OK},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.file);
+        std::ifstream in(source_root() + "/fuzz/regressions/" + c.family + "/" + c.file,
+                         std::ios::binary);
+        ASSERT_TRUE(in.good());
+        std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
+        Outcome o;
+        npucpu_test::capture_stderr([&] {
+            npucpu_test::capture_stdout([&] {
+                o = npucpu_fuzz::run_case(*npucpu_fuzz::family(c.family), bytes.data(),
+                                          bytes.size());
+            });
+        });
+        EXPECT_EQ(o.infershape, c.infershape);
+        EXPECT_TRUE(o.computed);
+        EXPECT_EQ(o.compute, c.compute);
+    }
+}
+
+// do_padding of dims that wrapped near 2^32: the batch offsets overflowed
+// int64 (undefined behaviour, caught by the sanitizer build) before any row
+// was looked at. Now they saturate, and no row is copied when none can be.
+TEST(FuzzRegression, PaddingToWrappedDimsStaysDefined) {
+    float one = 5.0f;
+    Tensor in{npucpu_test::shape_of({1, 1, 1, 1}), NPU_DTYPE_FLOAT32, NPU_FORMAT_NCHW, &one};
+    const uint32_t pads[4] = {0, 0, 0xFFFFFFFEu, 0xFFFFFFFEu};
+    Tensor *out = do_padding(&in, pads, 0.0f);
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(out->shape.dims[2], 0xFFFFFFFFu);
+    EXPECT_EQ(out->shape.dims[3], 0xFFFFFFFFu);
+    EXPECT_EQ(out->data[0], 0.0f);  // the 32-bit count wraps to one element
+    free_tensor(out);
+}
+
 // A reduction of an input with a zero dim: a pass after the zero-length axis
 // read an element the empty input does not have. Now no pass runs and the
 // output is left as it was.
