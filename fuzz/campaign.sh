@@ -37,7 +37,7 @@ for p in "${pids[@]}"; do wait "${p%%:*}" || failed+=("${p#*:}"); done
 
 echo "family       executions  coverage  features  corpus  seconds"
 for f in "${families[@]}"; do
-  execs=$(grep -E '^stat::number_of_executed_units' "$out/$f.log" | awk '{print $2}')
+  execs=$(grep -E '^stat::number_of_executed_units' "$out/$f.log" | tail -1 | awk '{print $2}')
   last=$(grep -E '^#[0-9]+' "$out/$f.log" | tail -1)
   cov=$(sed -nE 's/.*cov: ([0-9]+).*/\1/p' <<<"$last")
   ft=$(sed -nE 's/.*ft: ([0-9]+).*/\1/p' <<<"$last")
