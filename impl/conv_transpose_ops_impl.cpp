@@ -507,6 +507,10 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
     // Guard: a group below 1 (or past 32 bits) gives no usable split count.
     if (a.group < 1 || a.group > static_cast<int64_t>(UINT32_MAX)) return NPU_ERR_INVALID_ARG;
     const uint32_t g = static_cast<uint32_t>(a.group);
+    // Guard: more groups than input channels cannot divide them; the three
+    // split-size arrays of g entries (and g pieces per split) could run to
+    // gigabytes for a group near 2^31.
+    if (g > 1 && g > x.shape.dims[1]) return NPU_ERR_INVALID_ARG;
     const uint32_t in_size = static_cast<uint32_t>(static_cast<int32_t>(x.shape.dims[1]) / a.group);
     const uint32_t filter_size = static_cast<uint32_t>(static_cast<int32_t>(w.shape.dims[0]) / a.group);
     const uint32_t out_size = static_cast<uint32_t>(static_cast<int32_t>(y.shape.dims[1]) / a.group);

@@ -322,6 +322,10 @@ TEST(FuzzRegression, ReplayedInputs) {
         // per-channel split arrays asked for 16 GiB. Now nothing is computed
         // for the empty output.
         {"conv", "conv_transpose-wrapped-dims", NPU_OK, NPU_OK},
+        // group 2^31 - 1 with a rank-0 filter (so the group checks that need
+        // the filter's dims were skipped): three split-size arrays of 8 GiB
+        // each were allocated. Now refused: more groups than input channels.
+        {"conv", "conv_transpose-huge-group", NPU_OK, NPU_ERR_INVALID_ARG},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.file);
@@ -340,6 +344,20 @@ TEST(FuzzRegression, ReplayedInputs) {
         EXPECT_TRUE(o.computed);
         EXPECT_EQ(o.compute, c.compute);
     }
+}
+
+TEST(FuzzRegression, ConvRefusesMoreGroupsThanChannels) {
+    npucpu_test::Ctx ctx(2, 1, 2);
+    std::vector<float> x(2 * 3 * 3, 1.0f);
+    float w = 1.0f;
+    ctx.input(0, npucpu_test::shape_of({1, 2, 3, 3}), x);
+    ctx.input(1, npucpu_test::shape_of({}), &w, 4);
+    ctx.attr_string(0, "auto_pad", "NOTSET");
+    ctx.attr_int(1, "group", 0x7fffffff);
+    ASSERT_EQ(conv_infershape(ctx.h), NPU_OK);
+    auto &out = ctx.alloc_output(0, 7.0f);
+    EXPECT_EQ(conv_compute(ctx.h), NPU_ERR_INVALID_ARG);
+    EXPECT_EQ(out, std::vector<float>(out.size(), 7.0f));
 }
 
 // do_padding of dims that wrapped near 2^32: the batch offsets overflowed
