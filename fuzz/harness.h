@@ -254,6 +254,22 @@ inline void store_edge(uint8_t *dst, uint32_t dtype, uint8_t b) {
 // outside that are set to 0. Every other operator survives the decoded
 // contexts as they are.
 inline void fix_preconditions(const Op &op, OperatorContext *h) {
+    // The convolutions likewise spread and pad their input into temporaries
+    // sized from strides, dilations, pads and kernel sizes: those values stay
+    // within [0, 64] (others are set to 0).
+    if (std::strcmp(op.name, "conv") == 0 || std::strcmp(op.name, "conv_transpose") == 0) {
+        for (uint32_t i = 0; i < h->attr_num; ++i) {
+            AttrRecord &a = h->attrs[i];
+            if (a.dtype != NPU_ATTR_INTS || a.data == nullptr) continue;
+            if (std::strcmp(a.name, "group") == 0 || std::strcmp(a.name, "auto_pad") == 0) continue;
+            for (uint64_t j = 0; j < a.data_len / 8; ++j) {
+                int64_t v;
+                std::memcpy(&v, static_cast<uint8_t *>(a.data) + 8 * j, 8);
+                if (v < 0 || v > 64) std::memset(static_cast<uint8_t *>(a.data) + 8 * j, 0, 8);
+            }
+        }
+        return;
+    }
     if (std::strcmp(op.name, "averagepool") != 0 && std::strcmp(op.name, "maxpool") != 0) return;
     if (h->input_num == 0) return;
     const TensorDesc &in = h->inputs[0];
