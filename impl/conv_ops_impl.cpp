@@ -491,6 +491,10 @@ NPU_API uint32_t conv_compute(OperatorContext *handle) {
     // Guard: a group below 1 (or past 32 bits) gives no usable split count.
     if (a.group < 1 || a.group > static_cast<int64_t>(UINT32_MAX)) return NPU_ERR_INVALID_ARG;
     const uint32_t g = static_cast<uint32_t>(a.group);
+    // Guard: more groups than input channels cannot divide them; the three
+    // split-size arrays of g entries (and g pieces per split) could run to
+    // gigabytes for a group near 2^31.
+    if (g > 1 && g > x.shape.dims[1]) return NPU_ERR_INVALID_ARG;
     // Split sizes: signed quotients.
     const uint32_t in_size = static_cast<uint32_t>(static_cast<int32_t>(x.shape.dims[1]) / a.group);
     const uint32_t filter_size = static_cast<uint32_t>(static_cast<int32_t>(w.shape.dims[0]) / a.group);
@@ -505,6 +509,18 @@ NPU_API uint32_t conv_compute(OperatorContext *handle) {
                              (!has_bias || b.shape.dim_num > 0) && y.shape.dim_num > 1;
     if (splits_work && !groups_fit(x, w, has_bias ? &b : nullptr, y, a, in_size, filter_size, out_size,
                                    pads, dilations, strides)) {
+        return NPU_ERR_INVALID_ARG;
+    }
+
+    // Guard: an input, filter, bias or output buffer holding fewer floats
+    // than its shape (a data type narrower than float, such as the 8-bit
+    // inputs check_supported refuses) would be read or written past its end:
+    // nothing is written.
+    const auto holds_floats = [](const npucpu::TensorInfo &t) {
+        return t.buf_len / sizeof(float) >= npucpu::element_count(t.shape);
+    };
+    if (!holds_floats(x) || !holds_floats(w) || (has_bias && !holds_floats(b)) ||
+        !holds_floats(y)) {
         return NPU_ERR_INVALID_ARG;
     }
 

@@ -255,6 +255,13 @@ uint32_t compute_one_group(const Tensor *input, const Tensor *filter, const Tens
         free_tensor(padded);
         return NPU_ERR_INVALID_ARG;
     }
+    // Guard: an output that holds no element has nothing to compute; its
+    // per-channel arrays could be billions long (a zero dim beside dims that
+    // wrapped near 2^32) and would all be empty.
+    if (GetElemSize(&output->shape) == 0) {
+        free_tensor(padded);
+        return NPU_OK;
+    }
     uint32_t *filter_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     uint32_t *out_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     fill_vec_uint32(filter_sizes, filter->shape.dims[1] / K, K);
@@ -721,6 +728,10 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
     // Guard: a group below 1 (or past 32 bits) gives no usable split count.
     if (a.group < 1 || a.group > static_cast<int64_t>(UINT32_MAX)) return NPU_ERR_INVALID_ARG;
     const uint32_t g = static_cast<uint32_t>(a.group);
+    // Guard: more groups than input channels cannot divide them; the three
+    // split-size arrays of g entries (and g pieces per split) could run to
+    // gigabytes for a group near 2^31.
+    if (g > 1 && g > x.shape.dims[1]) return NPU_ERR_INVALID_ARG;
     const uint32_t in_size = static_cast<uint32_t>(static_cast<int32_t>(x.shape.dims[1]) / a.group);
     const uint32_t filter_size = static_cast<uint32_t>(static_cast<int32_t>(w.shape.dims[0]) / a.group);
     const uint32_t out_size = static_cast<uint32_t>(static_cast<int32_t>(y.shape.dims[1]) / a.group);
@@ -735,6 +746,18 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
                              (!has_bias || b.shape.dim_num > 0) && y.shape.dim_num > 1;
     if (splits_work &&
         !groups_fit(x, w, has_bias ? &b : nullptr, y, a, s, in_size, filter_size, out_size)) {
+        return NPU_ERR_INVALID_ARG;
+    }
+
+    // Guard: an input, filter, bias or output buffer holding fewer floats
+    // than its shape (a data type narrower than float, such as the 8-bit
+    // inputs check_supported accepts) would be read or written past its end:
+    // nothing is written.
+    const auto holds_floats = [](const npucpu::TensorInfo &t) {
+        return t.buf_len / sizeof(float) >= npucpu::element_count(t.shape);
+    };
+    if (!holds_floats(x) || !holds_floats(w) || (has_bias && !holds_floats(b)) ||
+        !holds_floats(y)) {
         return NPU_ERR_INVALID_ARG;
     }
 

@@ -49,6 +49,9 @@ NPU_API uint32_t expand_compute(OperatorContext *handle) {
     if (in.buf == nullptr) return NPU_ERR_INVALID_ARG;
     const npucpu::TensorInfo out = npucpu::output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: an input buffer holding fewer floats than its shape (a data type
+    // narrower than float) would be read past its end: nothing is written.
+    if (in.buf_len / sizeof(float) < npucpu::element_count(in.shape)) return NPU_ERR_INVALID_ARG;
 
     float *b = broadcast(&in.shape, in.dtype, static_cast<const float *>(in.buf), &out.shape);
     // Guard: the broadcast array holds the shape's element count; a longer

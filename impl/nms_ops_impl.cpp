@@ -244,14 +244,18 @@ NPU_API uint32_t nms_compute(OperatorContext *handle) {
     const uint64_t num_classes = scores_in.shape.dims[1];
     const uint32_t max_out = per_class_limit(max_boxes, boxes_in.shape.dims[1]);
 
-    // Guard: null buffers, or declared shapes too small for the boxes and
-    // scores the loops below index, are refused before anything is written.
+    // Guard: null buffers, or declared shapes (or buffers, for data types
+    // narrower than float) too small for the boxes and scores the loops below
+    // index, are refused before anything is written.
     if (boxes_in.buf == nullptr || scores_in.buf == nullptr || out.buf == nullptr) {
         return NPU_ERR_INVALID_ARG;
     }
-    if (declared_elements(boxes_in.shape) <
-            saturating_mul(saturating_mul(num_batches, spatial), kBoxCoords) ||
-        declared_elements(scores_in.shape) <
+    const uint64_t boxes_held =
+        std::min<uint64_t>(declared_elements(boxes_in.shape), boxes_in.buf_len / sizeof(float));
+    const uint64_t scores_held =
+        std::min<uint64_t>(declared_elements(scores_in.shape), scores_in.buf_len / sizeof(float));
+    if (boxes_held < saturating_mul(saturating_mul(num_batches, spatial), kBoxCoords) ||
+        scores_held <
             saturating_mul(saturating_mul(num_batches, num_classes), spatial)) {
         return NPU_ERR_INVALID_ARG;
     }

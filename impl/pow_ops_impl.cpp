@@ -83,6 +83,12 @@ NPU_API uint32_t pow_compute(OperatorContext *handle) {
     if (in1.buf == nullptr) return NPU_ERR_INVALID_ARG;
     const TensorInfo out = npucpu::output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: an operand buffer holding fewer floats than its shape (a data
+    // type narrower than float) would be read past its end: nothing written.
+    if (in0.buf_len / sizeof(float) < npucpu::element_count(in0.shape) ||
+        in1.buf_len / sizeof(float) < npucpu::element_count(in1.shape)) {
+        return NPU_ERR_INVALID_ARG;
+    }
 
     std::memset(out.buf, 0, out.buf_len);
     const Operand base = operand_for(in0, out.shape);

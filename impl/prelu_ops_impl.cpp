@@ -49,6 +49,11 @@ NPU_API uint32_t prelu_compute(OperatorContext *handle) {
     if (out_len / sizeof(float) != n) return NPU_ERR_INVALID_ARG;
     void *out_buf = qv_kel_custom_get_output_buf_by_index(handle, 0);
     if (out_buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: a slope buffer holding fewer floats than its shape (a data type
+    // narrower than float) would be read past its end: nothing is written.
+    if (slope.buf_len / sizeof(float) < npucpu::element_count(slope.shape)) {
+        return NPU_ERR_INVALID_ARG;
+    }
     std::memset(out_buf, 0, out_len);
 
     // Slopes of input 0's shape are used as they are; a rank-0 slope tensor

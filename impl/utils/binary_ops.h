@@ -39,6 +39,12 @@ uint32_t binary_compute(OperatorContext *handle, Op op, BinaryKind kind) {
     if (in1.buf == nullptr) return NPU_ERR_INVALID_ARG;
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: an input buffer holding fewer floats than its shape (a data type
+    // narrower than float) would be read past its end: nothing is written.
+    if (in0.buf_len / sizeof(float) < element_count(in0.shape) ||
+        in1.buf_len / sizeof(float) < element_count(in1.shape)) {
+        return NPU_ERR_INVALID_ARG;
+    }
 
     if (active_isa() >= Isa::Avx2) {
         uint64_t all = 1;

@@ -190,6 +190,11 @@ uint32_t pool_compute(OperatorContext *handle, const PoolKernel &kernel) {
 
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
+    // Guard: an input buffer holding fewer floats than its shape (a data
+    // type narrower than float) would be padded from past its end: nothing is
+    // written. A short output buffer is not refused: the walk stops once the
+    // output is full.
+    if (in.buf_len / sizeof(float) < element_count(in.shape)) return NPU_ERR_INVALID_ARG;
 
     // Output 1 (positions) is not zero-filled.
     TensorInfo positions;

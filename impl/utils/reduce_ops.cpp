@@ -133,7 +133,9 @@ uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn
 
     uint32_t work_dims[NPU_MAX_DIMS];
     std::memcpy(work_dims, in.shape.dims, sizeof(work_dims));
-    for (int64_t axis : list) {
+    // Guard: with a zero dim the input holds no element, yet a pass after
+    // the zero-length axis was marked 1 would read one: no pass runs.
+    for (int64_t axis : count > 0 ? list : std::vector<int64_t>{}) {
         pass(ReducePass{a.data(), b.data(), work_dims, in.shape.dims, r,
                         static_cast<uint32_t>(axis)});
         b = a;

@@ -269,20 +269,41 @@ NPU_API Tensor *do_padding(const Tensor *input, const uint32_t pads[4], float va
     const int64_t first_src_row = top < 0 ? -static_cast<int64_t>(top) : 0;
     const int64_t column = left > 0 ? left : 0;
     const uint64_t run = W < Wo ? W : Wo;
-    const int64_t out_batch = static_cast<int64_t>(Co) * Wo * Ho;
-    const int64_t in_batch = static_cast<int64_t>(C) * W * H;
+    // Offsets are non-negative; one that would pass int64 (padded dims near
+    // 2^32) lies past every buffer, so it saturates and the clamp below
+    // skips its row.
+    const auto sat_mul = [](int64_t a, int64_t b) {
+        int64_t r;
+        return __builtin_mul_overflow(a, b, &r) ? INT64_MAX : r;
+    };
+    const auto sat_add = [](int64_t a, int64_t b) {
+        int64_t r;
+        return __builtin_add_overflow(a, b, &r) ? INT64_MAX : r;
+    };
+    const int64_t out_batch = sat_mul(sat_mul(Co, Wo), Ho);
+    const int64_t in_batch = sat_mul(sat_mul(C, W), H);
     const uint64_t in_count = GetElemSize(&input->shape);
 
     // Guard: each row copy is clamped to the input and to the result (a
     // positive left pad with a negative right pad, or a layout other than
     // NCHW, would reach past them); rows at negative positions are skipped.
+    // Destinations only grow in this loop order, so the copying stops at
+    // the first row past the result, and does not start when no row has
+    // anything to copy (pads that wrap the dims could make the loops run
+    // for billions of empty rows).
+    if (run == 0 || end_row <= first_row) return result;
     for (int64_t n = 0; n < No; ++n) {
         for (int64_t c = 0; c < Co; ++c) {
             int64_t src_row = first_src_row;
             for (int64_t h = first_row; h < end_row; ++h, ++src_row) {
-                const int64_t dst = n * out_batch + c * Wo * static_cast<int64_t>(Ho) + h * Wo + column;
-                const int64_t src = n * in_batch + c * W * static_cast<int64_t>(H) + src_row * W;
+                const int64_t dst = sat_add(sat_add(sat_add(sat_mul(n, out_batch),
+                                                            sat_mul(sat_mul(c, Wo), Ho)),
+                                                    sat_mul(h, Wo)),
+                                            column);
+                const int64_t src = sat_add(sat_add(sat_mul(n, in_batch), sat_mul(sat_mul(c, W), H)),
+                                            sat_mul(src_row, W));
                 if (dst < 0 || src < 0) continue;
+                if (static_cast<uint64_t>(dst) >= count) return result;
                 const uint64_t len = clamped_copy_len(run, static_cast<uint64_t>(src), in_count,
                                                  static_cast<uint64_t>(dst), count);
                 if (len > 0) std::memcpy(result->data + dst, input->data + src, len * sizeof(float));

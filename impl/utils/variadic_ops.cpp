@@ -67,10 +67,13 @@ uint32_t variadic_compute(OperatorContext *handle, VariadicMode mode) {
     const uint32_t count = input_count(handle);
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
-    // Guards, before anything is written: a null input buffer would be read,
-    // and a mean of no inputs would divide by zero.
+    // Guards, before anything is written: a null input buffer, or one holding
+    // fewer floats than its shape (a data type narrower than float), would be
+    // read past its end, and a mean of no inputs would divide by zero.
     for (uint32_t k = 0; k < count; ++k) {
-        if (input_info(handle, k).buf == nullptr) return NPU_ERR_INVALID_ARG;
+        const TensorInfo in = input_info(handle, k);
+        if (in.buf == nullptr) return NPU_ERR_INVALID_ARG;
+        if (in.buf_len / sizeof(float) < element_count(in.shape)) return NPU_ERR_INVALID_ARG;
     }
     if (mode == VariadicMode::kMean && count == 0) return NPU_ERR_INVALID_ARG;
 
