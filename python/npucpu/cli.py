@@ -250,6 +250,12 @@ def main(argv=None):
         return EXIT_USAGE
     except SystemExit as e:  # --help
         return e.code if isinstance(e.code, int) else 0
+    except BrokenPipeError:
+        # The reader went away (`npucpu list | head`): stop quietly, and keep
+        # Python from reporting the failed flush of stdout at exit.
+        devnull = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(devnull, sys.stdout.fileno())
+        return 0
     except OpError as e:
         print("npucpu: error: %s" % e, file=sys.stderr)
         return EXIT_OP_FAILED

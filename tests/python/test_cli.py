@@ -21,6 +21,16 @@ def test_list_prints_the_exported_operators(root, cli_env, lib):
     assert {"add", "sub", "mul", "div"} <= set(p.stdout.split())
 
 
+def test_list_into_a_closed_pipe_stays_quiet(root, cli_env):
+    # `npucpu list | head -1`: the reader leaves early; no error line, exit 0.
+    p = subprocess.Popen([str(root / "bin" / "npucpu"), "list"], env=cli_env,
+                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    p.stdout.close()
+    _, err = p.communicate(timeout=60)
+    assert p.returncode == 0
+    assert err == b""
+
+
 def test_run_add_writes_the_broadcast_sum(root, cli_env, tmp_path):
     a = np.arange(6, dtype=np.float32).reshape(2, 3)
     b = np.array([10, 20, 30], dtype=np.float32)
