@@ -242,6 +242,15 @@ void do_reverse(Tensor *t) {
 // plus the bias when given.
 uint32_t compute_one_group(const Tensor *input, const Tensor *filter, const Tensor *bias, Tensor *output,
                            const Settings &s) {
+    const uint32_t K = get_channel(&output->shape, output->format);
+    // Guard: no output channel to give a slice to (a division by zero).
+    if (K == 0) return NPU_ERR_INVALID_ARG;
+    // Guard: an output that holds no element has nothing to compute. Checked
+    // before the input is spread and padded: beside a zero dim the other
+    // dims may have wrapped near 2^32, and the padded input (like the
+    // per-channel arrays) could ask for many gigabytes, all unused.
+    if (GetElemSize(&output->shape) == 0) return NPU_OK;
+
     Tensor *spread = do_zero_filling(input, s.strides);
     uint32_t conv_pads[4];
     convolution_pads(get_height(&filter->shape, filter->format), get_width(&filter->shape, filter->format),
@@ -249,19 +258,6 @@ uint32_t compute_one_group(const Tensor *input, const Tensor *filter, const Tens
     Tensor *padded = do_padding(spread, conv_pads, 0.0f);
     free_tensor(spread);
 
-    const uint32_t K = get_channel(&output->shape, output->format);
-    // Guard: no output channel to give a slice to (a division by zero).
-    if (K == 0) {
-        free_tensor(padded);
-        return NPU_ERR_INVALID_ARG;
-    }
-    // Guard: an output that holds no element has nothing to compute; its
-    // per-channel arrays could be billions long (a zero dim beside dims that
-    // wrapped near 2^32) and would all be empty.
-    if (GetElemSize(&output->shape) == 0) {
-        free_tensor(padded);
-        return NPU_OK;
-    }
     uint32_t *filter_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     uint32_t *out_sizes = static_cast<uint32_t *>(std::malloc(K * sizeof(uint32_t)));
     fill_vec_uint32(filter_sizes, filter->shape.dims[1] / K, K);
