@@ -1,0 +1,143 @@
+// Fast paths of the second batch of memory-bound kernels against their
+// literal paths: every output byte equal over swept shapes, with inputs full
+// of special values (NaN payloads, infinities, signed zeros, subnormals).
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "npucpu.h"
+#include "test_util.h"
+#include "utils/dispatch.h"
+
+namespace {
+
+#if defined(NPUCPU_SANITIZE_BUILD)
+constexpr int kTrials = 300;  // sweeps shrink under the sanitizers
+#else
+constexpr int kTrials = 3000;
+#endif
+
+// Distinct bit patterns, a share of them special, so a misplaced element shows.
+std::vector<uint32_t> pattern_bits(size_t n, uint32_t seed) {
+    static const uint32_t kSpecial[] = {0x00000000u, 0x80000000u, 0x7fc00001u, 0xffc12345u,
+                                        0x7f800001u, 0x7f800000u, 0xff800000u, 0x00000001u,
+                                        0x80000001u, 0x7f7fffffu};
+    std::mt19937 rng(seed);
+    std::vector<uint32_t> v(n);
+    for (size_t i = 0; i < n; ++i) {
+        v[i] = (rng() % 5 == 0) ? kSpecial[rng() % (sizeof kSpecial / sizeof kSpecial[0])]
+                                : 0x3f800000u + static_cast<uint32_t>(i) * 7u;
+    }
+    return v;
+}
+
+std::string shape_text(const TensorShape &s) {
+    std::ostringstream o;
+    o << "[";
+    for (uint32_t k = 0; k < s.dim_num; ++k) o << (k ? "," : "") << s.dims[k];
+    o << "]";
+    return o.str();
+}
+
+// broadcast() on the literal path and on every fast level: same bytes.
+void expect_broadcast_same(const TensorShape &in, const TensorShape &out, uint32_t seed) {
+    const uint32_t in_count = GetElemSize(&in);
+    const uint32_t out_count = GetElemSize(&out);
+    const std::vector<uint32_t> bits = pattern_bits(in_count > 0 ? in_count : 1, seed);
+    const float *data = reinterpret_cast<const float *>(bits.data());
+    const size_t bytes = static_cast<size_t>(out_count > 0 ? out_count : 1) * sizeof(float);
+    const std::string what = shape_text(in) + " -> " + shape_text(out);
+
+    npucpu::testing::force_isa(npucpu::Isa::Literal);
+    float *literal = broadcast(&in, NPU_DTYPE_FLOAT32, data, &out);
+    npucpu::testing::clear_forced_isa();
+    const uint32_t best = static_cast<uint32_t>(npucpu::cpu_features().best);
+    for (uint32_t level = 1; level <= best; ++level) {
+        npucpu::testing::force_isa(static_cast<npucpu::Isa>(level));
+        float *fast = broadcast(&in, NPU_DTYPE_FLOAT32, data, &out);
+        npucpu::testing::clear_forced_isa();
+        if (std::memcmp(literal, fast, bytes) != 0) {
+            size_t i = 0;
+            while (std::memcmp(&literal[i], &fast[i], 4) == 0) ++i;
+            uint32_t x, y;
+            std::memcpy(&x, &literal[i], 4);
+            std::memcpy(&y, &fast[i], 4);
+            ADD_FAILURE() << what << " level " << level << ": differs at element " << i << ": literal 0x"
+                          << std::hex << x << ", fast 0x" << y;
+        }
+        std::free(fast);
+    }
+    std::free(literal);
+}
+
+TensorShape make_shape(const std::vector<uint32_t> &dims) {
+    TensorShape s;
+    std::memset(&s, 0, sizeof s);
+    s.dim_num = static_cast<uint8_t>(dims.size());
+    for (size_t k = 0; k < dims.size(); ++k) s.dims[k] = dims[k];
+    return s;
+}
+
+// Random output shapes of rank 0-5; the input takes, per aligned axis, 1 or
+// the output dim (or, with `mismatch`, sometimes another size, which keeps
+// the wrapping walk), and may have fewer or more leading axes.
+TEST(MemoryFast2, BroadcastSweep) {
+    std::mt19937 rng(13);
+    static const uint32_t kDims[] = {1, 1, 2, 3, 4, 5, 7, 16};
+    for (int t = 0; t < kTrials; ++t) {
+        const bool mismatch = t % 4 == 3;
+        const uint32_t R = rng() % 6;
+        std::vector<uint32_t> out(R);
+        for (auto &d : out) d = kDims[rng() % 8];
+        const uint32_t in_rank = rng() % (R + 2);
+        std::vector<uint32_t> in(in_rank);
+        for (uint32_t k = 0; k < in_rank; ++k) {
+            const int32_t ok = static_cast<int32_t>(k) - static_cast<int32_t>(in_rank) + static_cast<int32_t>(R);
+            if (ok < 0) {
+                in[k] = 1 + rng() % 3;  // leading axes beyond the output's rank
+            } else if (mismatch && rng() % 3 == 0) {
+                in[k] = 1 + rng() % 6;
+            } else {
+                in[k] = (rng() % 2) ? out[ok] : 1;
+            }
+        }
+        expect_broadcast_same(make_shape(in), make_shape(out), static_cast<uint32_t>(t));
+    }
+}
+
+// Hand-picked shapes: the channel bias of expand, rows and columns, size-1
+// output axes, empty tensors and mismatched dims (which wrap).
+TEST(MemoryFast2, BroadcastTable) {
+    struct Case {
+        std::vector<uint32_t> in, out;
+    };
+    const Case cases[] = {
+        {{64, 1, 1}, {1, 64, 28, 28}},
+        {{1, 64, 1, 1}, {2, 64, 9, 9}},
+        {{5}, {3, 4, 5}},
+        {{3, 1}, {3, 4}},
+        {{1, 4}, {3, 4}},
+        {{}, {2, 3}},
+        {{7}, {}},
+        {{2, 3}, {2, 3}},
+        {{2, 1, 3}, {2, 1, 3}},
+        {{1, 1}, {1, 1, 1}},
+        {{4, 2, 3}, {2, 3}},
+        {{0, 3}, {2, 3}},
+        {{3}, {2, 0, 3}},
+        {{2}, {3, 4}},
+        {{3, 2}, {3, 4}},
+        {{4, 3}, {2, 3}},
+        {{2, 5, 1}, {3, 4, 5, 6}},
+    };
+    uint32_t seed = 1;
+    for (const Case &c : cases) expect_broadcast_same(make_shape(c.in), make_shape(c.out), seed++);
+}
+
+}  // namespace
