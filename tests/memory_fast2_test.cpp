@@ -140,4 +140,68 @@ TEST(MemoryFast2, BroadcastTable) {
     for (const Case &c : cases) expect_broadcast_same(make_shape(c.in), make_shape(c.out), seed++);
 }
 
+// ---- Reduce max / min -----------------------------------------------------------
+
+// Runs one reduction with a fresh context; the output buffer holds the
+// results plus `extra_bytes` (each filled with 0x5a before the call).
+std::vector<char> run_reduce(bool max, const std::vector<uint32_t> &dims, const std::vector<float> &x,
+                             int64_t axis, int64_t keepdims, uint32_t extra_bytes, uint32_t *status) {
+    std::vector<char> bytes;
+    npucpu_test::capture_stdout([&] {
+        npucpu_test::Ctx c(1, 1, 2);
+        std::vector<float> data = x;
+        c.input(0, npucpu_test::shape_of(dims), data);
+        c.attr_int(0, "keepdims", keepdims);
+        c.attr_ints(1, "axes", {axis});
+        *status = max ? reducemax_infershape(c.h) : reducemin_infershape(c.h);
+        if (*status != NPU_OK) return;
+        TensorShape s{};
+        qv_kel_custom_get_output_shape_by_index(c.h, 0, &s);
+        bytes.assign(static_cast<size_t>(GetElemSize(&s)) * 4 + extra_bytes, '\x5a');
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, bytes.data(), bytes.size());
+        *status = max ? reducemax_compute(c.h) : reducemin_compute(c.h);
+    });
+    return bytes;
+}
+
+// Shapes of rank 1-4 over every axis, with NaN payloads, signed zeros and
+// ties (the first of equal values wins); some outputs carry extra bytes,
+// whole floats or not, which the work buffer's tail fills.
+TEST(MemoryFast2, ReduceMaxMinMatchLiteral) {
+    std::mt19937 rng(21);
+    const int trials = kTrials / 10;
+    for (int t = 0; t < trials; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &v : dims) {
+            v = 1 + rng() % 12;
+            count *= v;
+        }
+        const std::vector<uint32_t> bits = pattern_bits(count, 500 + t);
+        std::vector<float> x(count);
+        std::memcpy(x.data(), bits.data(), count * 4);
+        if (t % 3 == 0) {
+            for (auto &v : x) v = static_cast<float>(static_cast<int>(rng() % 3) - 1) * 0.0f;  // +-0 ties
+        }
+        const int64_t axis = static_cast<int64_t>(rng() % rank) - (t % 2 ? static_cast<int64_t>(rank) : 0);
+        const int64_t keepdims = rng() % 2;
+        const uint32_t extra = (t % 5 == 0) ? 1 + rng() % 8 : 0;
+        for (bool max : {true, false}) {
+            uint32_t st_lit = 0;
+            npucpu::testing::force_isa(npucpu::Isa::Literal);
+            const std::vector<char> literal = run_reduce(max, dims, x, axis, keepdims, extra, &st_lit);
+            npucpu::testing::clear_forced_isa();
+            uint32_t st_fast = 0;
+            const std::vector<char> fast = run_reduce(max, dims, x, axis, keepdims, extra, &st_fast);
+            ASSERT_EQ(st_lit, st_fast) << "case " << t;
+            ASSERT_EQ(literal.size(), fast.size());
+            for (size_t i = 0; i < literal.size(); ++i) {
+                ASSERT_EQ(literal[i], fast[i]) << (max ? "reducemax" : "reducemin") << " case " << t
+                                               << " differs at byte " << i;
+            }
+        }
+    }
+}
+
 }  // namespace
