@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <sstream>
 #include <string>
@@ -201,6 +202,49 @@ TEST(MemoryFast2, ReduceMaxMinMatchLiteral) {
                                                << " differs at byte " << i;
             }
         }
+    }
+}
+
+// ---- Global max pooling -----------------------------------------------------------
+
+std::vector<char> run_global_max(const std::vector<uint32_t> &dims, std::vector<float> &x, uint64_t in_len,
+                                 uint32_t *status) {
+    npucpu_test::Ctx c(1, 1, 0);
+    c.input(0, npucpu_test::shape_of(dims), x.data(), in_len);
+    *status = global_maxpool_infershape(c.h);
+    if (*status != NPU_OK) return {};
+    TensorShape s{};
+    qv_kel_custom_get_output_shape_by_index(c.h, 0, &s);
+    std::vector<char> bytes(static_cast<size_t>(GetElemSize(&s)) * 4, '\x5a');
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, bytes.data(), bytes.size());
+    *status = global_maxpool_compute(c.h);
+    return bytes;
+}
+
+// Planes of 0-40 elements (below, at and past the eight lanes) holding NaN
+// payloads, negatives, zeros, values at the start value and repeated maxima;
+// some inputs are shorter than their shape.
+TEST(MemoryFast2, GlobalMaxPoolMatchesLiteral) {
+    std::mt19937 rng(31);
+    for (int t = 0; t < kTrials / 10; ++t) {
+        const std::vector<uint32_t> dims = {static_cast<uint32_t>(1 + rng() % 3), static_cast<uint32_t>(1 + rng() % 4),
+                                            static_cast<uint32_t>(rng() % 6), static_cast<uint32_t>(1 + rng() % 7)};
+        const size_t count = static_cast<size_t>(dims[0]) * dims[1] * dims[2] * dims[3];
+        const std::vector<uint32_t> bits = pattern_bits(count + 1, 700 + t);
+        std::vector<float> x(count + 1);
+        std::memcpy(x.data(), bits.data(), x.size() * 4);
+        if (t % 3 == 0) {
+            for (auto &v : x) v = static_cast<float>(static_cast<int>(rng() % 5) - 3);  // ties and negatives
+        }
+        if (t % 5 == 0 && !x.empty()) x[rng() % x.size()] = std::numeric_limits<float>::min();
+        const uint64_t in_len = (t % 4 == 1 ? count / 2 : count) * 4;
+        uint32_t st_lit = 0, st_fast = 0;
+        npucpu::testing::force_isa(npucpu::Isa::Literal);
+        const std::vector<char> literal = run_global_max(dims, x, in_len, &st_lit);
+        npucpu::testing::clear_forced_isa();
+        const std::vector<char> fast = run_global_max(dims, x, in_len, &st_fast);
+        ASSERT_EQ(st_lit, st_fast) << "case " << t;
+        ASSERT_EQ(literal, fast) << "global_maxpool case " << t;
     }
 }
 
