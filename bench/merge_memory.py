@@ -78,6 +78,10 @@ def torch_workloads():
         "cast": lambda: cf.to(torch.int32),
         "argmax": lambda: torch.argmax(t, 1, keepdim=True),
         "reducemean": lambda: s.mean(1, keepdim=True),
+        "expand": lambda: bias.expand(1, 64, 112, 112).contiguous(),
+        "reducemax": lambda: t.amax(1, keepdim=True),
+        "reducemin": lambda: s.amin(0, keepdim=True),
+        "global_maxpool": lambda: F.adaptive_max_pool2d(gp, 1),
     }
 
 
