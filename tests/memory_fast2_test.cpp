@@ -248,4 +248,54 @@ TEST(MemoryFast2, GlobalMaxPoolMatchesLiteral) {
     }
 }
 
+// ---- Expand (broadcast into the output) -------------------------------------------
+
+std::vector<char> run_expand(const std::vector<uint32_t> &in_dims, std::vector<float> &x,
+                             std::vector<int64_t> target, int64_t extra_floats, uint32_t *status) {
+    npucpu_test::Ctx c(2, 1, 0);
+    c.input(0, npucpu_test::shape_of(in_dims), x.data(), x.size() * 4);
+    c.input(1, npucpu_test::shape_of({static_cast<uint32_t>(target.size())}), target.data(), target.size() * 8,
+            NPU_DTYPE_INT64);
+    *status = expand_infershape(c.h);
+    if (*status != NPU_OK) return {};
+    TensorShape s{};
+    qv_kel_custom_get_output_shape_by_index(c.h, 0, &s);
+    const int64_t floats = static_cast<int64_t>(GetElemSize(&s)) + extra_floats;
+    std::vector<char> bytes(static_cast<size_t>(floats > 0 ? floats : 0) * 4 + 2, '\x5a');
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, bytes.data(), bytes.size());
+    *status = expand_compute(c.h);
+    return bytes;
+}
+
+// Compatible, mismatched and empty targets, with output buffers exact,
+// longer and shorter than the shape.
+TEST(MemoryFast2, ExpandMatchesLiteral) {
+    struct Case {
+        std::vector<uint32_t> in;
+        std::vector<int64_t> target;
+    };
+    const Case cases[] = {
+        {{64, 1, 1}, {1, 64, 12, 12}}, {{3, 1}, {2, 3, 4}}, {{1, 4}, {3, 4}},   {{5}, {5}},
+        {{2, 3}, {4, 3}},              {{3, 2}, {3, 4}},    {{2, 1}, {2, 0}},   {{1}, {1, 1, 1}},
+        {{4, 1, 3}, {2, 4, 5, 3}},     {{2, 2}, {3, 2}},
+    };
+    uint32_t seed = 900;
+    for (const Case &c : cases) {
+        size_t count = 1;
+        for (uint32_t d : c.in) count *= d;
+        const std::vector<uint32_t> bits = pattern_bits(count, seed++);
+        std::vector<float> x(count);
+        std::memcpy(x.data(), bits.data(), count * 4);
+        for (int64_t extra : {0, 3, -2}) {
+            uint32_t st_lit = 0, st_fast = 0;
+            npucpu::testing::force_isa(npucpu::Isa::Literal);
+            const std::vector<char> literal = run_expand(c.in, x, c.target, extra, &st_lit);
+            npucpu::testing::clear_forced_isa();
+            const std::vector<char> fast = run_expand(c.in, x, c.target, extra, &st_fast);
+            ASSERT_EQ(st_lit, st_fast) << "expand case " << seed;
+            ASSERT_EQ(literal, fast) << "expand case " << seed << " extra " << extra;
+        }
+    }
+}
+
 }  // namespace

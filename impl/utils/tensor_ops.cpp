@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "broadcast_fast.h"
 #include "convert.h"
 #include "dispatch.h"
 #include "npucpu.h"
@@ -61,6 +62,10 @@ void broadcast_block(const BroadcastAxis *ax, uint32_t k, uint32_t last, float *
     for (uint64_t j = 0; j < a.n; ++j) broadcast_block(ax, k + 1, last, out + j * a.out_step, in + j * a.in_step);
 }
 
+}  // namespace
+
+namespace npucpu {
+
 // The broadcast by blocks, for shapes whose aligned input dims all equal the
 // output dim or 1 (where the index walk below reads the usual broadcast
 // element for every output position). Returns false, writing nothing, for
@@ -107,7 +112,7 @@ bool broadcast_fast(const TensorShape *in_shape, const float *in_data, const Ten
     return true;
 }
 
-}  // namespace
+}  // namespace npucpu
 
 extern "C" {
 
@@ -123,7 +128,7 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
         result[0] = in_data[0];
         return result;
     }
-    if (npucpu::fast_paths_enabled() && broadcast_fast(in_shape, in_data, out_shape, result, count)) {
+    if (npucpu::fast_paths_enabled() && npucpu::broadcast_fast(in_shape, in_data, out_shape, result, count)) {
         return result;
     }
 
