@@ -1,5 +1,4 @@
 // Tensor reshaping, broadcasting and the data-movement utilities.
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -48,7 +47,15 @@ void broadcast_block(const BroadcastAxis *ax, uint32_t k, uint32_t last, float *
     const BroadcastAxis &a = ax[k];
     if (k == last) {
         if (a.in_step == 0) {
-            std::fill_n(out, a.n, *in);
+            // A few elements by hand, then doubling copies (memcpy runs
+            // at full width where a plain fill loop may not be vectorised).
+            const uint64_t head = a.n < 16 ? a.n : 16;
+            for (uint64_t j = 0; j < head; ++j) out[j] = *in;
+            for (uint64_t done = head; done < a.n;) {
+                const uint64_t step = done < a.n - done ? done : a.n - done;
+                std::memcpy(out + done, out, step * sizeof(float));
+                done += step;
+            }
         } else {
             std::memcpy(out, in, a.n * sizeof(float));
         }
