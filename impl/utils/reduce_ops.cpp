@@ -163,7 +163,25 @@ bool fast_extreme(const float *in, uint64_t in_cap, float *out, uint64_t out_cap
     const uint64_t len = in_dims[axis];
     const uint64_t inner = accumulate_mul(in_dims, static_cast<int32_t>(axis) + 1, rank);
     if (len == 0 || outer * inner != out_cap || outer * len * inner > in_cap) return false;
-    for (uint64_t o = 0; o < outer; ++o) {
+    uint64_t o = 0;
+    if (inner == 1) {
+        // Contiguous slices eight at a time: eight independent running
+        // values instead of one chain of dependent compares.
+        constexpr uint64_t kRows = 8;
+        for (; o + kRows <= outer; o += kRows) {
+            const float *rows = in + o * len;
+            float v[kRows];
+            for (uint64_t r = 0; r < kRows; ++r) v[r] = rows[r * len];
+            for (uint64_t k = 1; k < len; ++k) {
+                for (uint64_t r = 0; r < kRows; ++r) {
+                    const float x = rows[r * len + k];
+                    v[r] = (Max ? x > v[r] : x < v[r]) ? x : v[r];
+                }
+            }
+            for (uint64_t r = 0; r < kRows; ++r) out[o + r] = v[r];
+        }
+    }
+    for (; o < outer; ++o) {
         const float *block = in + o * len * inner;
         float *m = out + o * inner;
         if (inner == 1) {
