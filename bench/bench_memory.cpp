@@ -334,6 +334,14 @@ std::vector<Workload> workloads() {
                      return uint64_t{512 * 196 * 4};
                  },
                  global_maxpool_infershape, global_maxpool_compute, false, "torch"});
+    w.push_back({"depth_to_space CRD b2 [1,256,56,56]", [F](Call *&c) {
+                     c = new Call(1, 1, 2);
+                     c->input(0, {1, 256, 56, 56}, random_floats(256 * 56 * 56, 30), F);
+                     c->attr_int("blocksize", 2);
+                     c->attr_string("mode", "CRD");
+                     return uint64_t{256 * 56 * 56 * 4};
+                 },
+                 depth_to_space_infershape, depth_to_space_compute, true, nullptr});
     return w;
 }
 

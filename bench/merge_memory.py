@@ -44,6 +44,7 @@ def torch_workloads():
     bub_out = torch.empty(64, 112, 116)
     cf = r(1 << 20) * 2.5e5
     gp = r(1, 512, 14, 14)
+    d2s = r(1, 256, 56, 56)
 
     def nms():
         try:
@@ -82,6 +83,7 @@ def torch_workloads():
         "reducemax": lambda: t.amax(1, keepdim=True),
         "reducemin": lambda: s.amin(0, keepdim=True),
         "global_maxpool": lambda: F.adaptive_max_pool2d(gp, 1),
+        "depth_to_space": lambda: F.pixel_shuffle(d2s, 2),
     }
 
 

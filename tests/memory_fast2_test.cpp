@@ -298,4 +298,51 @@ TEST(MemoryFast2, ExpandMatchesLiteral) {
     }
 }
 
+// ---- Depth to space ---------------------------------------------------------------
+
+std::vector<char> run_depth_to_space(const std::vector<uint32_t> &dims, std::vector<float> &x, uint64_t in_len,
+                                     int64_t block, const std::string &mode, int64_t out_delta, uint32_t *status) {
+    std::vector<char> bytes;
+    npucpu_test::capture_stdout([&] {
+        npucpu_test::Ctx c(1, 1, 2);
+        c.input(0, npucpu_test::shape_of(dims), x.data(), in_len);
+        c.attr_int(0, "blocksize", block);
+        c.attr_string(1, "mode", mode);
+        *status = depth_to_space_infershape(c.h);
+        if (*status != NPU_OK) return;
+        TensorShape s{};
+        qv_kel_custom_get_output_shape_by_index(c.h, 0, &s);
+        const int64_t floats = static_cast<int64_t>(GetElemSize(&s)) + out_delta;
+        bytes.assign(static_cast<size_t>(floats > 0 ? floats : 0) * 4 + 1, '\x5a');
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, bytes.data(), bytes.size());
+        *status = depth_to_space_compute(c.h);
+    });
+    return bytes;
+}
+
+// Both modes, block sizes 2-4, with whole, short input and short output buffers.
+TEST(MemoryFast2, DepthToSpaceMatchesLiteral) {
+    std::mt19937 rng(41);
+    for (int t = 0; t < kTrials / 20; ++t) {
+        const int64_t block = 2 + static_cast<int64_t>(rng() % 3);
+        const uint32_t bb = static_cast<uint32_t>(block * block);
+        const std::vector<uint32_t> dims = {static_cast<uint32_t>(1 + rng() % 2), static_cast<uint32_t>(bb * (1 + rng() % 3)),
+                                            static_cast<uint32_t>(1 + rng() % 5), static_cast<uint32_t>(1 + rng() % 9)};
+        const size_t count = static_cast<size_t>(dims[0]) * dims[1] * dims[2] * dims[3];
+        const std::vector<uint32_t> bits = pattern_bits(count, 1100 + t);
+        std::vector<float> x(count);
+        std::memcpy(x.data(), bits.data(), count * 4);
+        const uint64_t in_len = (t % 5 == 1 ? count * 2 / 3 : count) * 4;
+        const int64_t out_delta = t % 5 == 2 ? -static_cast<int64_t>(count / 3) : 0;
+        const std::string mode = t % 2 ? "CRD" : "DCR";
+        uint32_t st_lit = 0, st_fast = 0;
+        npucpu::testing::force_isa(npucpu::Isa::Literal);
+        const std::vector<char> literal = run_depth_to_space(dims, x, in_len, block, mode, out_delta, &st_lit);
+        npucpu::testing::clear_forced_isa();
+        const std::vector<char> fast = run_depth_to_space(dims, x, in_len, block, mode, out_delta, &st_fast);
+        ASSERT_EQ(st_lit, st_fast) << "depth_to_space case " << t;
+        ASSERT_EQ(literal, fast) << "depth_to_space case " << t;
+    }
+}
+
 }  // namespace
