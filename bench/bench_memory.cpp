@@ -342,6 +342,14 @@ std::vector<Workload> workloads() {
                      return uint64_t{256 * 56 * 56 * 4};
                  },
                  depth_to_space_infershape, depth_to_space_compute, true, nullptr});
+    w.push_back({"nonzero float [1000,1000] half zero", [F](Call *&c) {
+                     c = new Call(1, 1, 0);
+                     std::vector<float> v = random_floats(1000000, 31, -1.0f, 1.0f);
+                     for (auto &x : v) x = x < 0.0f ? 0.0f : x;
+                     c->input(0, {1000, 1000}, v, F);
+                     return uint64_t{4000000};
+                 },
+                 nonzero_infershape, nonzero_compute, false, "torch"});
     return w;
 }
 

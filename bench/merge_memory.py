@@ -45,6 +45,7 @@ def torch_workloads():
     cf = r(1 << 20) * 2.5e5
     gp = r(1, 512, 14, 14)
     d2s = r(1, 256, 56, 56)
+    nz = torch.clamp(r(1000, 1000) - 0.5, min=0)
 
     def nms():
         try:
@@ -84,6 +85,7 @@ def torch_workloads():
         "reducemin": lambda: s.amin(0, keepdim=True),
         "global_maxpool": lambda: F.adaptive_max_pool2d(gp, 1),
         "depth_to_space": lambda: F.pixel_shuffle(d2s, 2),
+        "nonzero": lambda: torch.nonzero(nz).t().contiguous(),
     }
 
 

@@ -345,4 +345,49 @@ TEST(MemoryFast2, DepthToSpaceMatchesLiteral) {
     }
 }
 
+// ---- Nonzero ---------------------------------------------------------------------
+
+std::vector<char> run_nonzero(const std::vector<uint32_t> &dims, std::vector<uint32_t> &x, uint32_t dtype,
+                              uint64_t out_len, uint32_t *status) {
+    npucpu_test::Ctx c(1, 1, 0);
+    c.input(0, npucpu_test::shape_of(dims), x.data(), x.size() * 4, dtype);
+    *status = nonzero_infershape(c.h);
+    if (*status != NPU_OK) return {};
+    std::vector<char> bytes(out_len, '\x5a');
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, bytes.data(), bytes.size());
+    *status = nonzero_compute(c.h);
+    return bytes;
+}
+
+// Float (NaN, signed zeros, subnormals) and int32 inputs of rank 1-4, some
+// with a zero dim, input buffers longer or shorter than the shape (the
+// coordinates wrap round) and output buffers shorter than the coordinates.
+TEST(MemoryFast2, NonzeroMatchesLiteral) {
+    std::mt19937 rng(51);
+    for (int t = 0; t < kTrials / 10; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        std::vector<uint32_t> dims(rank);
+        size_t count = 1;
+        for (auto &v : dims) {
+            v = (t % 17 == 0 && rng() % 2) ? 0 : static_cast<uint32_t>(1 + rng() % 6);
+            count *= v;
+        }
+        const size_t slots = t % 3 == 1 ? count + 1 + rng() % 9 : (t % 3 == 2 ? count / 2 : count);
+        std::vector<uint32_t> x = pattern_bits(slots, 1300 + t);
+        for (auto &v : x) {
+            if (rng() % 2) v = rng() % 2 ? 0x80000000u : 0u;  // plenty of +-0 (and int 0 / INT_MIN)
+        }
+        const uint32_t dtype = t % 2 ? NPU_DTYPE_INT32 : NPU_DTYPE_FLOAT32;
+        const uint64_t full = static_cast<uint64_t>(rank) * slots * 8;
+        const uint64_t out_len = t % 4 == 3 ? full / 3 + 5 : full;
+        uint32_t st_lit = 0, st_fast = 0;
+        npucpu::testing::force_isa(npucpu::Isa::Literal);
+        const std::vector<char> literal = run_nonzero(dims, x, dtype, out_len, &st_lit);
+        npucpu::testing::clear_forced_isa();
+        const std::vector<char> fast = run_nonzero(dims, x, dtype, out_len, &st_fast);
+        ASSERT_EQ(st_lit, st_fast) << "nonzero case " << t;
+        ASSERT_EQ(literal, fast) << "nonzero case " << t;
+    }
+}
+
 }  // namespace
