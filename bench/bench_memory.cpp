@@ -305,6 +305,51 @@ std::vector<Workload> workloads() {
                      return uint64_t{4000000};
                  },
                  reducemean_infershape, reducemean_compute, false, "torch"});
+    w.push_back({"expand [64,1,1] -> [1,64,112,112]", [F](Call *&c) {
+                     c = new Call(2, 1, 0);
+                     c->input(0, {64, 1, 1}, random_floats(64, 26), F);
+                     c->input(1, {4}, std::vector<int64_t>{1, 64, 112, 112}, NPU_DTYPE_INT64);
+                     return uint64_t{64 * 112 * 112 * 4};
+                 },
+                 expand_infershape, expand_compute, true, nullptr});
+    w.push_back({"reducemax axis 1 [64,10000]", [F](Call *&c) {
+                     c = new Call(1, 1, 2);
+                     c->input(0, {64, 10000}, random_floats(640000, 27), F);
+                     c->attr_int("keepdims", 1);
+                     c->attr_ints("axes", {1});
+                     return uint64_t{640000 * 4};
+                 },
+                 reducemax_infershape, reducemax_compute, false, "torch"});
+    w.push_back({"reducemin axis 0 [1000,1000]", [F](Call *&c) {
+                     c = new Call(1, 1, 2);
+                     c->input(0, {1000, 1000}, random_floats(1000000, 28), F);
+                     c->attr_int("keepdims", 1);
+                     c->attr_ints("axes", {0});
+                     return uint64_t{4000000};
+                 },
+                 reducemin_infershape, reducemin_compute, false, "torch"});
+    w.push_back({"global_maxpool [1,512,14,14]", [F](Call *&c) {
+                     c = new Call(1, 1, 0);
+                     c->input(0, {1, 512, 14, 14}, random_floats(512 * 196, 29), F);
+                     return uint64_t{512 * 196 * 4};
+                 },
+                 global_maxpool_infershape, global_maxpool_compute, false, "torch"});
+    w.push_back({"depth_to_space CRD b2 [1,256,56,56]", [F](Call *&c) {
+                     c = new Call(1, 1, 2);
+                     c->input(0, {1, 256, 56, 56}, random_floats(256 * 56 * 56, 30), F);
+                     c->attr_int("blocksize", 2);
+                     c->attr_string("mode", "CRD");
+                     return uint64_t{256 * 56 * 56 * 4};
+                 },
+                 depth_to_space_infershape, depth_to_space_compute, true, nullptr});
+    w.push_back({"nonzero float [1000,1000] half zero", [F](Call *&c) {
+                     c = new Call(1, 1, 0);
+                     std::vector<float> v = random_floats(1000000, 31, -1.0f, 1.0f);
+                     for (auto &x : v) x = x < 0.0f ? 0.0f : x;
+                     c->input(0, {1000, 1000}, v, F);
+                     return uint64_t{4000000};
+                 },
+                 nonzero_infershape, nonzero_compute, false, "torch"});
     return w;
 }
 

@@ -44,6 +44,8 @@ def torch_workloads():
     bub_out = torch.empty(64, 112, 116)
     cf = r(1 << 20) * 2.5e5
     gp = r(1, 512, 14, 14)
+    d2s = r(1, 256, 56, 56)
+    nz = torch.clamp(r(1000, 1000) - 0.5, min=0)
 
     def nms():
         try:
@@ -78,6 +80,12 @@ def torch_workloads():
         "cast": lambda: cf.to(torch.int32),
         "argmax": lambda: torch.argmax(t, 1, keepdim=True),
         "reducemean": lambda: s.mean(1, keepdim=True),
+        "expand": lambda: bias.expand(1, 64, 112, 112).contiguous(),
+        "reducemax": lambda: t.amax(1, keepdim=True),
+        "reducemin": lambda: s.amin(0, keepdim=True),
+        "global_maxpool": lambda: F.adaptive_max_pool2d(gp, 1),
+        "depth_to_space": lambda: F.pixel_shuffle(d2s, 2),
+        "nonzero": lambda: torch.nonzero(nz).t().contiguous(),
     }
 
 

@@ -6,6 +6,7 @@
 
 #include "npucpu.h"
 #include "utils/convert.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -129,11 +130,33 @@ NPU_API uint32_t depth_to_space_compute(OperatorContext *handle) {
     const uint64_t out_width = out.shape.dims[3];
     const uint64_t out_plane = static_cast<uint64_t>(out.shape.dims[2]) * out_width;
     uint64_t i = 0;  // input elements are read in order
+    const bool fast = npucpu::fast_paths_enabled();
     for (uint32_t n = 0; n < batches; ++n) {
         const uint64_t batch_base = static_cast<uint64_t>(n) * out_channels * out_plane;
         for (uint32_t c = 0; c < channels; ++c) {
             const BlockPlace at = crd ? place_crd(c, b, bb) : place_dcr(c, b, out_channels);
             const uint64_t plane_base = batch_base + at.channel * out_plane;
+            if (fast && static_cast<uint64_t>(height) * width <= in_elems - i) {
+                // Fast path: a plane whose every read and write lies inside
+                // the buffers runs without the per-element checks, in the
+                // same order. Its last write, computed without wrapping, is
+                // its largest; below the buffer's length, no position of the
+                // plane wraps in 64 bits either.
+                using Wide = unsigned __int128;
+                const Wide last =
+                    (static_cast<Wide>(n) * out_channels + at.channel) * out_plane +
+                    (static_cast<Wide>(height - 1) * b + at.dh) * out_width + static_cast<Wide>(width - 1) * b + at.dw;
+                if (last < out_elems) {
+                    const float *src = x + i;
+                    for (uint32_t h = 0; h < height; ++h) {
+                        float *dst = y + plane_base + (static_cast<uint64_t>(h) * b + at.dh) * out_width + at.dw;
+                        for (uint32_t w = 0; w < width; ++w) dst[static_cast<uint64_t>(w) * b] = src[w];
+                        src += width;
+                    }
+                    i += static_cast<uint64_t>(height) * width;
+                    continue;
+                }
+            }
             for (uint32_t h = 0; h < height; ++h) {
                 const uint64_t row = plane_base + (static_cast<uint64_t>(h) * b + at.dh) * out_width;
                 for (uint32_t w = 0; w < width; ++w, ++i) {

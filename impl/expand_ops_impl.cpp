@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "npucpu.h"
+#include "utils/broadcast_fast.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -52,6 +54,16 @@ NPU_API uint32_t expand_compute(OperatorContext *handle) {
     // Guard: an input buffer holding fewer floats than its shape (a data type
     // narrower than float) would be read past its end: nothing is written.
     if (in.buf_len / sizeof(float) < npucpu::element_count(in.shape)) return NPU_ERR_INVALID_ARG;
+
+    // Fast path: an output buffer that takes the whole broadcast array is
+    // written directly, without the array.
+    const uint32_t out_count = GetElemSize(&out.shape);
+    if (npucpu::fast_paths_enabled() && out_count > 0 && out.shape.dim_num > 0 &&
+        npucpu::element_count(in.shape) > 0 && out.buf_len / sizeof(float) >= out_count &&
+        npucpu::broadcast_fast(&in.shape, static_cast<const float *>(in.buf), &out.shape,
+                               static_cast<float *>(out.buf), out_count)) {
+        return NPU_OK;
+    }
 
     float *b = broadcast(&in.shape, in.dtype, static_cast<const float *>(in.buf), &out.shape);
     // Guard: the broadcast array holds the shape's element count; a longer

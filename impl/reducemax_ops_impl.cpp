@@ -41,7 +41,7 @@ NPU_API uint32_t reducemax_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t reducemax_compute(OperatorContext *handle) {
-    return npucpu::reduce_compute(handle, max_pass);
+    return npucpu::reduce_compute(handle, max_pass, npucpu::reduce_fast_max);
 }
 
 }  // extern "C"

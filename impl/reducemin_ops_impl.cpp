@@ -39,7 +39,7 @@ NPU_API uint32_t reducemin_check_supported(OperatorContext *handle) {
 }
 
 NPU_API uint32_t reducemin_compute(OperatorContext *handle) {
-    return npucpu::reduce_compute(handle, min_pass);
+    return npucpu::reduce_compute(handle, min_pass, npucpu::reduce_fast_min);
 }
 
 }  // extern "C"

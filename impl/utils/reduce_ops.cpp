@@ -4,6 +4,10 @@
 #include <cstring>
 #include <vector>
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include "dispatch.h"
 #include "op_context.h"
 #include "op_log.h"
@@ -100,17 +104,6 @@ uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn
     const TensorInfo out = output_info(handle, 0);
     if (out.buf == nullptr) return NPU_ERR_INVALID_ARG;
 
-    // Work buffers A and B start as copies of the whole input buffer; they
-    // hold at least the shape's element count.
-    const uint64_t count = element_count(in.shape);
-    const uint64_t work_len = std::max<uint64_t>((in.buf_len + 3) / 4, count);
-    std::vector<float> a(work_len), b(work_len);
-    if (in.buf_len > 0) {
-        std::memcpy(a.data(), in.buf, in.buf_len);
-        std::memcpy(b.data(), in.buf, in.buf_len);
-    }
-    const uint64_t out_bytes = std::min<uint64_t>(out.buf_len, work_len * sizeof(float));
-
     std::vector<int64_t> list;
     if (axes != nullptr) {
         for (int64_t v : raw) {
@@ -124,12 +117,27 @@ uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn
         for (int32_t d = 0; d < r; ++d) list.push_back(d);
     }
 
-    if (fast != nullptr && list.size() == 1 && fast_paths_enabled() &&
+    // The fast form runs before the work buffers exist (none of the checks
+    // above depends on them). An output length that is not whole floats
+    // would also take bytes past the results from the work buffer: it keeps
+    // the passes.
+    if (fast != nullptr && list.size() == 1 && fast_paths_enabled() && out.buf_len % sizeof(float) == 0 &&
         fast(static_cast<const float *>(in.buf), in.buf_len / sizeof(float),
              static_cast<float *>(out.buf), out.buf_len / sizeof(float), in.shape.dims, r,
              static_cast<uint32_t>(list[0]))) {
         return NPU_OK;
     }
+
+    // Work buffers A and B start as copies of the whole input buffer; they
+    // hold at least the shape's element count.
+    const uint64_t count = element_count(in.shape);
+    const uint64_t work_len = std::max<uint64_t>((in.buf_len + 3) / 4, count);
+    std::vector<float> a(work_len), b(work_len);
+    if (in.buf_len > 0) {
+        std::memcpy(a.data(), in.buf, in.buf_len);
+        std::memcpy(b.data(), in.buf, in.buf_len);
+    }
+    const uint64_t out_bytes = std::min<uint64_t>(out.buf_len, work_len * sizeof(float));
 
     uint32_t work_dims[NPU_MAX_DIMS];
     std::memcpy(work_dims, in.shape.dims, sizeof(work_dims));
@@ -142,6 +150,85 @@ uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn
     }
     if (out_bytes > 0) std::memcpy(out.buf, a.data(), out_bytes);
     return NPU_OK;
+}
+
+namespace {
+
+// The single-axis maximum (Max) or minimum straight from the input into the
+// output, under the same conditions as the mean's fast form: the output holds
+// exactly the results and the input the whole shape. Each slice starts from
+// its first element and replaces the running value only on a strictly
+// greater (smaller) one, in index order, as the passes do; where slices are
+// strided, a row of running values is updated one input row at a time.
+template <bool Max>
+bool fast_extreme(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
+                  int32_t rank, uint32_t axis) {
+    const uint64_t outer = accumulate_mul(in_dims, 0, static_cast<int32_t>(axis));
+    const uint64_t len = in_dims[axis];
+    const uint64_t inner = accumulate_mul(in_dims, static_cast<int32_t>(axis) + 1, rank);
+    if (len == 0 || outer * inner != out_cap || outer * len * inner > in_cap) return false;
+    uint64_t o = 0;
+    if (inner == 1) {
+        // Contiguous slices eight at a time: eight independent running
+        // values instead of one chain of dependent compares.
+        constexpr uint64_t kRows = 8;
+        for (; o + kRows <= outer; o += kRows) {
+            const float *rows = in + o * len;
+            float v[kRows];
+            for (uint64_t r = 0; r < kRows; ++r) v[r] = rows[r * len];
+            for (uint64_t k = 1; k < len; ++k) {
+                for (uint64_t r = 0; r < kRows; ++r) {
+                    const float x = rows[r * len + k];
+                    v[r] = (Max ? x > v[r] : x < v[r]) ? x : v[r];
+                }
+            }
+            for (uint64_t r = 0; r < kRows; ++r) out[o + r] = v[r];
+        }
+    }
+    for (; o < outer; ++o) {
+        const float *block = in + o * len * inner;
+        float *m = out + o * inner;
+        if (inner == 1) {
+            float v = block[0];
+            for (uint64_t k = 1; k < len; ++k) {
+                const float x = block[k];
+                if (Max ? x > v : x < v) v = x;
+            }
+            m[0] = v;
+            continue;
+        }
+        std::memcpy(m, block, inner * sizeof(float));
+        for (uint64_t k = 1; k < len; ++k) {
+            const float *row = block + k * inner;
+            uint64_t i = 0;
+#if defined(__SSE2__)
+            // maxps(x, m) is x > m ? x : m and minps(x, m) is x < m ? x : m,
+            // NaN and signed zeros included: the scalar step, four at a time.
+            for (; i + 4 <= inner; i += 4) {
+                const __m128 x = _mm_loadu_ps(row + i);
+                const __m128 cur = _mm_loadu_ps(m + i);
+                _mm_storeu_ps(m + i, Max ? _mm_max_ps(x, cur) : _mm_min_ps(x, cur));
+            }
+#endif
+            for (; i < inner; ++i) {
+                const float x = row[i];
+                m[i] = (Max ? x > m[i] : x < m[i]) ? x : m[i];
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool reduce_fast_max(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
+                     int32_t rank, uint32_t axis) {
+    return fast_extreme<true>(in, in_cap, out, out_cap, in_dims, rank, axis);
+}
+
+bool reduce_fast_min(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
+                     int32_t rank, uint32_t axis) {
+    return fast_extreme<false>(in, in_cap, out, out_cap, in_dims, rank, axis);
 }
 
 }  // namespace npucpu

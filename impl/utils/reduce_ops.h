@@ -44,6 +44,12 @@ using ReduceFastFn = bool (*)(const float *in, uint64_t in_cap, float *out, uint
 // axis goes to `fast` first when given.
 uint32_t reduce_compute(OperatorContext *handle, ReducePassFn pass, ReduceFastFn fast = nullptr);
 
+// Fast forms of the single-axis maximum and minimum passes (ReduceFastFn).
+bool reduce_fast_max(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
+                     int32_t rank, uint32_t axis);
+bool reduce_fast_min(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
+                     int32_t rank, uint32_t axis);
+
 }  // namespace npucpu
 
 #endif

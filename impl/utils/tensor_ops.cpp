@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "broadcast_fast.h"
 #include "convert.h"
 #include "dispatch.h"
 #include "npucpu.h"
@@ -29,6 +30,99 @@ NPU_API Tensor *reshape(const Tensor *src, uint32_t tag, const TensorShape *targ
     return t;
 }
 
+}  // extern "C"
+
+namespace {
+
+// One axis of a broadcast after merging: `n` output positions, input stride
+// `in_step` (0 where the input repeats), output stride `out_step`.
+struct BroadcastAxis {
+    uint64_t n, in_step, out_step;
+};
+
+// Fills the output block of axis k onwards. An input-repeating axis is
+// written once and its block copied n-1 times; the innermost axis is a
+// plain copy or a fill.
+void broadcast_block(const BroadcastAxis *ax, uint32_t k, uint32_t last, float *out, const float *in) {
+    const BroadcastAxis &a = ax[k];
+    if (k == last) {
+        if (a.in_step == 0) {
+            // A few elements by hand, then doubling copies (memcpy runs
+            // at full width where a plain fill loop may not be vectorised).
+            const uint64_t head = a.n < 16 ? a.n : 16;
+            for (uint64_t j = 0; j < head; ++j) out[j] = *in;
+            for (uint64_t done = head; done < a.n;) {
+                const uint64_t step = done < a.n - done ? done : a.n - done;
+                std::memcpy(out + done, out, step * sizeof(float));
+                done += step;
+            }
+        } else {
+            std::memcpy(out, in, a.n * sizeof(float));
+        }
+        return;
+    }
+    if (a.in_step == 0) {
+        broadcast_block(ax, k + 1, last, out, in);
+        for (uint64_t j = 1; j < a.n; ++j) std::memcpy(out + j * a.out_step, out, a.out_step * sizeof(float));
+        return;
+    }
+    for (uint64_t j = 0; j < a.n; ++j) broadcast_block(ax, k + 1, last, out + j * a.out_step, in + j * a.in_step);
+}
+
+}  // namespace
+
+namespace npucpu {
+
+// The broadcast by blocks, for shapes whose aligned input dims all equal the
+// output dim or 1 (where the index walk below reads the usual broadcast
+// element for every output position). Returns false, writing nothing, for
+// any other shape, which keeps the walk.
+bool broadcast_fast(const TensorShape *in_shape, const float *in_data, const TensorShape *out_shape,
+                    float *result, uint32_t count) {
+    const uint32_t R = out_shape->dim_num;
+    if (R > NPU_MAX_DIMS || in_shape->dim_num > NPU_MAX_DIMS) return false;
+    const uint32_t r = in_shape->dim_num < R ? in_shape->dim_num : R;
+    const uint32_t *in_dims = in_shape->dims + (in_shape->dim_num - r);
+    uint64_t out_total = 1;
+    for (uint32_t k = 0; k < R; ++k) {
+        const uint32_t a = k < R - r ? 1u : in_dims[k - (R - r)];
+        if (a != 1 && a != out_shape->dims[k]) return false;
+        out_total *= out_shape->dims[k];
+        if (out_total > 0xFFFFFFFFull) return false;
+    }
+    if (out_total != count) return false;
+
+    // Axes from the innermost outwards, size-1 output axes dropped and
+    // neighbours of the same kind (copied or repeated) merged.
+    BroadcastAxis rev[NPU_MAX_DIMS];
+    uint32_t m = 0;
+    uint64_t in_stride = 1, out_stride = 1;
+    for (uint32_t k = R; k-- > 0;) {
+        const uint64_t d = out_shape->dims[k];
+        const bool copied = (k >= R - r) && in_dims[k - (R - r)] != 1;
+        if (d == 1) continue;
+        if (m > 0 && (rev[m - 1].in_step != 0) == copied) {
+            rev[m - 1].n *= d;
+        } else {
+            rev[m++] = BroadcastAxis{d, copied ? in_stride : 0, out_stride};
+        }
+        out_stride *= d;
+        if (copied) in_stride *= d;
+    }
+    if (m == 0) {
+        result[0] = in_data[0];
+        return true;
+    }
+    BroadcastAxis ax[NPU_MAX_DIMS];
+    for (uint32_t k = 0; k < m; ++k) ax[k] = rev[m - 1 - k];
+    broadcast_block(ax, 0, m - 1, result, in_data);
+    return true;
+}
+
+}  // namespace npucpu
+
+extern "C" {
+
 NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const float *in_data,
                          const TensorShape *out_shape) {
     (void)dtype;  // the data is always read as 32-bit floats
@@ -39,6 +133,9 @@ NPU_API float *broadcast(const TensorShape *in_shape, uint32_t dtype, const floa
     if (GetElemSize(in_shape) == 0 || count == 0) return result;
     if (R == 0) {
         result[0] = in_data[0];
+        return result;
+    }
+    if (npucpu::fast_paths_enabled() && npucpu::broadcast_fast(in_shape, in_data, out_shape, result, count)) {
         return result;
     }
 
