@@ -761,69 +761,11 @@ NPU_API uint32_t conv_transpose_compute(OperatorContext *handle) {
     if (fast_conv_transpose(x, w, has_bias ? &b : nullptr, y, a, s, g)) return NPU_OK;
     std::memset(y.buf, 0, y.buf_len);
 
-    Tensor *X = npucpu::conv::wrap(x.shape, x.dtype, x.format, x.buf);
-    Tensor *Wt = npucpu::conv::wrap(w.shape, w.dtype, w.format, w.buf);
-    Tensor *B = has_bias ? npucpu::conv::wrap(b.shape, b.dtype, b.format, b.buf) : nullptr;
-    Tensor *Y = npucpu::conv::wrap(y.shape, x.dtype, x.format, y.buf);
-
-    uint32_t *in_sizes = static_cast<uint32_t *>(std::malloc(g * sizeof(uint32_t)));
-    uint32_t *filter_sizes = static_cast<uint32_t *>(std::malloc(g * sizeof(uint32_t)));
-    uint32_t *out_sizes = static_cast<uint32_t *>(std::malloc(g * sizeof(uint32_t)));
-    fill_vec_uint32(in_sizes, in_size, g);
-    fill_vec_uint32(filter_sizes, filter_size, g);
-    fill_vec_uint32(out_sizes, out_size, g);
-
-    TensorList *in_list = npucpu::conv::new_list();
-    TensorList *filter_list = npucpu::conv::new_list();
-    TensorList *bias_list = npucpu::conv::new_list();
-    TensorList *out_list = npucpu::conv::new_list();
-
-    uint32_t result = NPU_OK;
-    if (split(X, 1, in_sizes, g, in_list) != NPU_OK) {
-        NPU_ERROR("Split input fail \n");
-        result = NPU_FAIL;
-    } else if (split(Wt, 0, filter_sizes, g, filter_list) != NPU_OK) {
-        NPU_ERROR("Split weight fail \n");
-        result = NPU_FAIL;
-    } else if (B != nullptr && split(B, 0, out_sizes, g, bias_list) != NPU_OK) {
-        NPU_ERROR("Split weight fail \n");
-        result = NPU_FAIL;
-    } else if (split(Y, 1, out_sizes, g, out_list) != NPU_OK) {
-        NPU_ERROR("Split output fail \n");
-        result = NPU_FAIL;
-    }
-
-    if (result == NPU_OK) {
-        const TensorList *in_node = in_list->next;
-        const TensorList *filter_node = filter_list->next;
-        const TensorList *bias_node = bias_list->next;
-        const TensorList *out_node = out_list->next;
-        for (uint32_t i = 0; i < g && result == NPU_OK; ++i) {
-            result = compute_one_group(in_node->tensor, filter_node->tensor,
-                                       B != nullptr ? bias_node->tensor : nullptr, out_node->tensor, s);
-            in_node = in_node->next;
-            filter_node = filter_node->next;
-            if (B != nullptr) bias_node = bias_node->next;
-            out_node = out_node->next;
-        }
-    }
-    if (result == NPU_OK) {
-        result = concat(out_list, g, 1, Y);
-        if (result != NPU_OK) NPU_ERROR("Concat fail \n");
-    }
-
-    std::free(in_sizes);
-    std::free(filter_sizes);
-    std::free(out_sizes);
-    free_tensor_not_in_buf(X);
-    free_tensor_not_in_buf(Wt);
-    free_tensor_not_in_buf(B);
-    free_tensor_not_in_buf(Y);
-    free_vec(in_list);
-    free_vec(filter_list);
-    free_vec(bias_list);
-    free_vec(out_list);
-    return result;
+    return npucpu::conv::run_groups(
+        x, w, has_bias ? &b : nullptr, y, g, in_size, filter_size, out_size, __FILE__,
+        [&](const Tensor *in, const Tensor *filter, const Tensor *bias, Tensor *out) {
+            return compute_one_group(in, filter, bias, out, s);
+        });
 }
 
 }  // extern "C"

@@ -7,8 +7,10 @@
 #define NPUCPU_IMPL_UTILS_CONV_COMMON_H
 
 #include <cstdint>
+#include <functional>
 
 #include "npucpu.h"
+#include "op_context.h"
 
 namespace npucpu {
 namespace conv {
@@ -73,6 +75,20 @@ TensorList *new_list();
 
 // The tensor of node k after the head, or null.
 Tensor *list_at(const TensorList *list, uint32_t k);
+
+// One group's computation: input piece, filter piece, bias piece (or null),
+// output piece.
+using GroupFn = std::function<uint32_t(const Tensor *, const Tensor *, const Tensor *, Tensor *)>;
+
+// The group walk both operators share: splits the input (axis 1), the
+// filters (axis 0), the bias (axis 0) and the output (axis 1) into g pieces
+// of the given sizes, runs one_group on each group in order until one fails,
+// then concatenates the output pieces back into the output. Split and concat
+// failures print their messages as `unit` and give 0xFFFFFFFF. Everything it
+// allocates is released on every path.
+uint32_t run_groups(const TensorInfo &x, const TensorInfo &w, const TensorInfo *b,
+                    const TensorInfo &y, uint32_t g, uint32_t in_size, uint32_t filter_size,
+                    uint32_t out_size, const char *unit, const GroupFn &one_group);
 
 }  // namespace conv
 }  // namespace npucpu
