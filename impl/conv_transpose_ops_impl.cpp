@@ -190,6 +190,12 @@ bool groups_fit(const npucpu::TensorInfo &x, const npucpu::TensorInfo &w, const 
     if (filter_piece.dim_num <= 1 || out_piece.dim_num <= 1) return true;
 
     const Layout4 f = layout_dims(filter_piece, w.format);
+    // A filter plane without taps (height or width 0) makes (size - 1) x
+    // dilation wrap below zero: the spread input would be padded to dims
+    // near 2^32 (up to 16 GiB, filled) for an output that only receives the
+    // bias. Such a filter convolves nothing; it is refused unless the output
+    // is empty, where nothing is padded anyway.
+    if ((f.h == 0 || f.w == 0) && npucpu::element_count(y.shape) != 0) return false;
     uint32_t conv_pads[4];
     convolution_pads(f.h, f.w, s, conv_pads);
     const TensorShape padded = padded_shape(zero_filled_shape(in_piece, s.strides), conv_pads);

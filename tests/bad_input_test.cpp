@@ -365,6 +365,37 @@ TEST(FuzzRegression, ConvRefusesMoreGroupsThanChannels) {
     EXPECT_EQ(out, std::vector<float>(out.size(), 7.0f));
 }
 
+// conv_transpose with filters whose plane has no taps: (size - 1) x dilation
+// wrapped, and the spread input was padded to 2^32 - 1 rows (16 GiB, filled)
+// for an output that only received the bias. Now refused; an empty output
+// still returns 0 untouched.
+TEST(FuzzRegression, ConvTransposeRefusesTaplessFilters) {
+    const struct {
+        std::vector<uint32_t> filter;
+        std::vector<int64_t> dilations, strides, pads;
+    } cases[] = {
+        {{1, 1, 0, 0}, {2, 2}, {2, 2}, {-1, -2, -1, -2}},  // 1x3 output, padded H wrapped
+        {{1, 1, 0, 0}, {1, 1}, {1, 1}, {-1, -1, -1, -1}},
+        {{1, 1, 0, 0}, {2, 2}, {2, 2}, {-2, -2, -2, -2}},
+    };
+    for (const auto &c : cases) {
+        npucpu_test::Ctx ctx(3, 1, 4);
+        std::vector<float> x(1, 1.0f), w(1, 0.0f), b(1, 2.5f);
+        ctx.input(0, npucpu_test::shape_of({1, 1, 1, 1}), x);
+        ctx.input(1, npucpu_test::shape_of(c.filter), w.data(), 0);
+        ctx.input(2, npucpu_test::shape_of({1}), b);
+        ctx.attr_string(0, "auto_pad", "NOTSET");
+        ctx.attr_ints(1, "dilations", c.dilations);
+        ctx.attr_ints(2, "strides", c.strides);
+        ctx.attr_ints(3, "pads", c.pads);
+        ASSERT_EQ(conv_transpose_infershape(ctx.h), NPU_OK);
+        auto &out = ctx.alloc_output(0, 7.0f);
+        ASSERT_FALSE(out.empty());
+        EXPECT_EQ(conv_transpose_compute(ctx.h), NPU_ERR_INVALID_ARG);
+        EXPECT_EQ(out, std::vector<float>(out.size(), 7.0f));
+    }
+}
+
 // do_padding of dims that wrapped near 2^32: the batch offsets overflowed
 // int64 (undefined behaviour, caught by the sanitizer build) before any row
 // was looked at. Now they saturate, and no row is copied when none can be.
