@@ -7,6 +7,7 @@
 #include "npucpu.h"
 
 #include "softmax_fast.h"
+#include "simd_avx2.h"
 
 namespace npucpu {
 
@@ -127,31 +128,22 @@ inline float add_sum_first(float sum, float e) {
     return _mm_cvtss_f32(_mm_add_ss(_mm_set_ss(sum), _mm_set_ss(e)));
 }
 
-inline void transpose8(__m256 r[8]) {
-    const __m256 t0 = _mm256_unpacklo_ps(r[0], r[1]), t1 = _mm256_unpackhi_ps(r[0], r[1]);
-    const __m256 t2 = _mm256_unpacklo_ps(r[2], r[3]), t3 = _mm256_unpackhi_ps(r[2], r[3]);
-    const __m256 t4 = _mm256_unpacklo_ps(r[4], r[5]), t5 = _mm256_unpackhi_ps(r[4], r[5]);
-    const __m256 t6 = _mm256_unpacklo_ps(r[6], r[7]), t7 = _mm256_unpackhi_ps(r[6], r[7]);
-    const __m256 u0 = _mm256_shuffle_ps(t0, t2, 0x44), u1 = _mm256_shuffle_ps(t0, t2, 0xEE);
-    const __m256 u2 = _mm256_shuffle_ps(t1, t3, 0x44), u3 = _mm256_shuffle_ps(t1, t3, 0xEE);
-    const __m256 u4 = _mm256_shuffle_ps(t4, t6, 0x44), u5 = _mm256_shuffle_ps(t4, t6, 0xEE);
-    const __m256 u6 = _mm256_shuffle_ps(t5, t7, 0x44), u7 = _mm256_shuffle_ps(t5, t7, 0xEE);
-    r[0] = _mm256_permute2f128_ps(u0, u4, 0x20);
-    r[1] = _mm256_permute2f128_ps(u1, u5, 0x20);
-    r[2] = _mm256_permute2f128_ps(u2, u6, 0x20);
-    r[3] = _mm256_permute2f128_ps(u3, u7, 0x20);
-    r[4] = _mm256_permute2f128_ps(u0, u4, 0x31);
-    r[5] = _mm256_permute2f128_ps(u1, u5, 0x31);
-    r[6] = _mm256_permute2f128_ps(u2, u6, 0x31);
-    r[7] = _mm256_permute2f128_ps(u3, u7, 0x31);
-}
-
 float row_max(const float *x, uint32_t n) {
     // max_ps(v, m) is v > m ? v : m, the literal's update; the result does
     // not depend on the order (see the header).
-    __m256 m8 = _mm256_set1_ps(kMaxStart);
+    // Four running vectors so that the updates overlap.
+    __m256 m8 = _mm256_set1_ps(kMaxStart), m8b = m8, m8c = m8, m8d = m8;
     uint32_t k = 0;
+    for (; k + 32 <= n; k += 32) {
+        m8 = _mm256_max_ps(_mm256_loadu_ps(x + k), m8);
+        m8b = _mm256_max_ps(_mm256_loadu_ps(x + k + 8), m8b);
+        m8c = _mm256_max_ps(_mm256_loadu_ps(x + k + 16), m8c);
+        m8d = _mm256_max_ps(_mm256_loadu_ps(x + k + 24), m8d);
+    }
     for (; k + 8 <= n; k += 8) m8 = _mm256_max_ps(_mm256_loadu_ps(x + k), m8);
+    m8 = _mm256_max_ps(m8b, m8);
+    m8 = _mm256_max_ps(m8c, m8);
+    m8 = _mm256_max_ps(m8d, m8);
     alignas(32) float lanes[8];
     _mm256_store_ps(lanes, m8);
     float m = kMaxStart;
@@ -197,8 +189,7 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
             uint32_t k = 0;
             for (; k + 8 <= len; k += 8) {
                 __m256 t[8];
-                for (int g = 0; g < 8; ++g) t[g] = _mm256_loadu_ps(scratch + static_cast<uint64_t>(g) * len + k);
-                transpose8(t);
+                load_transposed8(scratch + k, len, t);
                 for (int i = 0; i < 8; ++i) sum = _mm256_add_ps(sum, t[i]);
             }
             _mm256_store_ps(sums, sum);
