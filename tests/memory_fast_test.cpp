@@ -137,13 +137,16 @@ TEST_F(MemoryFast, PoolingMatchesLiteral) {
     for (int t = 0; t < cases; ++t) {
         const bool is_max = t % 2 == 0;
         const uint32_t N = 1 + rng() % 2, C = 1 + rng() % 3;
-        const uint32_t H = 1 + rng() % 20, W = 1 + rng() % 40;
+        // Every other case has wide rows and kernels (several chunks of
+        // windows per row, kernels past the widths the vector rows take).
+        const bool wide = t % 4 >= 2;
+        const uint32_t H = 1 + rng() % 20, W = 1 + rng() % (wide ? 90 : 40);
         std::vector<int64_t> pads(4);
         for (auto &p : pads) p = static_cast<int64_t>(rng() % 3);
         // Kernels inside the padded plane (a larger one makes the literal
         // walk run until the output is full).
         const int64_t kh = 1 + rng() % std::min<int64_t>(4, H + pads[0] + pads[2]);
-        const int64_t kw = 1 + rng() % std::min<int64_t>(4, W + pads[1] + pads[3]);
+        const int64_t kw = 1 + rng() % std::min<int64_t>(wide ? 18 : 4, W + pads[1] + pads[3]);
         const int64_t sh = 1 + rng() % 3, sw = 1 + rng() % 3;
         const int64_t include = rng() % 2;
         const uint32_t outputs = is_max ? 1 + rng() % 2 : 1;

@@ -75,6 +75,8 @@ bool pool_fast_run(const PoolFastArgs &a) {
     bool (*interior)(const PoolRowArgs &) = is_max ? pool_max_row_portable : pool_avg_row_portable;
     if (active_isa() >= Isa::Avx2) interior = is_max ? pool_max_row_avx2 : pool_avg_row_avx2;
 
+    // A maximum without positions can take whole rows, padding included.
+    const bool whole_rows = is_max && a.positions == nullptr && active_isa() >= Isa::Avx2;
     std::vector<const float *> rows(a.kernel_h);
     std::vector<uint32_t> row_index(a.kernel_h);
     std::vector<const float *> shifted(a.kernel_h);
@@ -129,6 +131,13 @@ bool pool_fast_run(const PoolFastArgs &a) {
                     y[ox] = best / count;
                 }
             };
+            if (whole_rows) {
+                const PoolMaxRowArgs m{rows.data(), n, a.width, a.left, a.kernel_w, a.stride_w, out_w, y};
+                if (pool_max_row_whole_avx2(m)) {
+                    y += out_w;
+                    continue;
+                }
+            }
             for (uint32_t ox = 0; ox < lo; ++ox) edge(ox);
             if (hi > lo) {
                 const uint32_t col = lo * a.stride_w - a.left;

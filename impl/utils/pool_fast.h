@@ -51,6 +51,22 @@ struct PoolRowArgs {
     float *y;
     uint32_t *positions;
 };
+// A maximum without positions over a whole output row, padding columns
+// included: rows[k] are the window's data rows (their first data column),
+// each `width` long after `left` padding columns; window j starts at padded
+// column j * stride_w. Returns false, writing nothing, unless count >= 8,
+// kernel_w <= kPoolMaxKernelW and stride_w is 1 or 2.
+constexpr uint32_t kPoolMaxKernelW = 16;
+struct PoolMaxRowArgs {
+    const float *const *rows;
+    uint32_t row_count;
+    uint32_t width, left;
+    uint32_t kernel_w, stride_w;
+    uint32_t count;
+    float *y;
+};
+bool pool_max_row_whole_avx2(const PoolMaxRowArgs &r);
+
 // Each returns false where the average met NaN with NaN (see pool_fast_run).
 bool pool_max_row_portable(const PoolRowArgs &r);
 bool pool_avg_row_portable(const PoolRowArgs &r);
