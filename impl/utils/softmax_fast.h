@@ -21,6 +21,11 @@ void exp_to_float_avx512(const float *d, float *out, uint64_t n);
 // e[k] = float(exp(double(x[k] - m))) for k < n.
 void exp_of_differences_avx512(const float *x, float m, float *e, uint32_t n);
 
+// The same, also returning the float sum of e[0..n) in index order from
+// +0.0 (NaN when a term is NaN: the caller then redoes the row literally).
+float exp_sum_of_differences_avx512(const float *x, float m, float *e, uint32_t n);
+float exp_sum_of_differences_avx2(const float *x, float m, float *e, uint32_t n);
+
 // y = softmax(x) along rows of `len` contiguous elements; scratch holds
 // 8 * len floats. With `avx512`, the exponentials use the AVX-512 form.
 void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, float *scratch,

@@ -105,9 +105,17 @@ inline __m256 exp8(__m256 d, const float *d_scalar, float *fix_out, bool *fixed)
     return f;
 }
 
-// float(exp(double(x[k] - m))) for k < n into e.
-void exp_of_differences(const float *x, float m, float *e, uint32_t n) {
+// sum + e as one scalar addition (the row's running sum, in index order).
+inline float add_sum_first(float sum, float e) {
+    return _mm_cvtss_f32(_mm_add_ss(_mm_set_ss(sum), _mm_set_ss(e)));
+}
+
+// float(exp(double(x[k] - m))) for k < n into e; with kSum, also the sum of
+// e in index order, each block of eight added while the next is computed.
+template <bool kSum>
+float exp_of_differences_t(const float *x, float m, float *e, uint32_t n) {
     const __m256 mv = _mm256_set1_ps(m);
+    float sum = 0.0f;
     uint32_t k = 0;
     alignas(32) float d[8];
     for (; k + 8 <= n; k += 8) {
@@ -116,16 +124,20 @@ void exp_of_differences(const float *x, float m, float *e, uint32_t n) {
         bool fixed = false;
         const __m256 f = exp8(dv, d, e + k, &fixed);
         if (!fixed) _mm256_storeu_ps(e + k, f);
+        if (kSum) {
+            for (uint32_t i = 0; i < 8; ++i) sum = add_sum_first(sum, e[k + i]);
+        }
     }
     for (; k < n; ++k) {
         const float dk = x[k] - m;
         e[k] = static_cast<float>(::exp(static_cast<double>(dk)));
+        if (kSum) sum = add_sum_first(sum, e[k]);
     }
+    return sum;
 }
 
-// sum + e (where both could be NaN the row goes to the literal routine).
-inline float add_sum_first(float sum, float e) {
-    return _mm_cvtss_f32(_mm_add_ss(_mm_set_ss(sum), _mm_set_ss(e)));
+void exp_of_differences(const float *x, float m, float *e, uint32_t n) {
+    exp_of_differences_t<false>(x, m, e, n);
 }
 
 float row_max(const float *x, uint32_t n) {
@@ -158,6 +170,10 @@ float row_max(const float *x, uint32_t n) {
 
 }  // namespace
 
+float exp_sum_of_differences_avx2(const float *x, float m, float *e, uint32_t n) {
+    return exp_of_differences_t<true>(x, m, e, n);
+}
+
 void exp_to_float_avx2(const float *d, float *out, uint64_t n) {
     uint64_t k = 0;
     for (; k + 8 <= n; k += 8) {
@@ -174,7 +190,7 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
         avx512 ? exp_of_differences_avx512 : exp_of_differences;
     for (uint64_t r0 = 0; r0 < rows; r0 += 8) {
         const uint32_t group = rows - r0 >= 8 ? 8 : static_cast<uint32_t>(rows - r0);
-        for (uint32_t g = 0; g < group; ++g) {
+        for (uint32_t g = 0; g < group && group == 8; ++g) {
             const float *row = x + (r0 + g) * len;
             exp_diff(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
         }
@@ -204,14 +220,15 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
                 }
             }
         } else {
+            // Fewer than eight rows: each row's sum is taken with its
+            // exponentials. A NaN sum (some term was NaN) sends the row to
+            // the literal routine.
+            float (*exp_sum)(const float *, float, float *, uint32_t) =
+                avx512 ? exp_sum_of_differences_avx512 : exp_sum_of_differences_avx2;
             for (uint32_t g = 0; g < group; ++g) {
-                float s = 0.0f;
-                const float *e = scratch + static_cast<uint64_t>(g) * len;
-                for (uint32_t k = 0; k < len; ++k) {
-                    if (s != s && e[k] != e[k]) clash |= 1 << g;
-                    s = add_sum_first(s, e[k]);
-                }
-                sums[g] = s;
+                const float *row = x + (r0 + g) * len;
+                sums[g] = exp_sum(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
+                if (sums[g] != sums[g]) clash |= 1 << g;
             }
         }
         for (uint32_t g = 0; g < group; ++g) {

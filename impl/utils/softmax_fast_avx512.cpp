@@ -78,8 +78,12 @@ inline unsigned exp8_store(__m256 d, float *out) {
 
 // float(exp(double(d(k)))) for k < n, sixteen lanes per step; d(k) gives
 // lane k's input as a scalar for the lanes that call std::exp.
-template <class Load, class Scalar>
-inline void exp_lanes(Load load, Scalar scalar, float *out, uint64_t n) {
+// sum + e as one scalar addition (the row's running sum, in index order).
+inline float add_in_order(float sum, float e) { return _mm_cvtss_f32(_mm_add_ss(_mm_set_ss(sum), _mm_set_ss(e))); }
+
+// done(k, count) runs after out[k, k + count) is final.
+template <class Load, class Scalar, class Done>
+inline void exp_lanes(Load load, Scalar scalar, float *out, uint64_t n, Done done) {
     uint64_t k = 0;
     for (; k + 16 <= n; k += 16) {
         const unsigned slow = exp8_store(load(k), out + k) | (exp8_store(load(k + 8), out + k + 8) << 8);
@@ -88,21 +92,38 @@ inline void exp_lanes(Load load, Scalar scalar, float *out, uint64_t n) {
                 if (slow & (1u << i)) out[k + i] = static_cast<float>(::exp(static_cast<double>(scalar(k + i))));
             }
         }
+        done(k, 16);
     }
     for (; k < n; ++k) out[k] = static_cast<float>(::exp(static_cast<double>(scalar(k))));
+    done(n - n % 16, n % 16);
 }
+
+inline void nothing(uint64_t, uint64_t) {}
 
 }  // namespace
 
 void exp_to_float_avx512(const float *d, float *out, uint64_t n) {
-    exp_lanes([d](uint64_t k) { return _mm256_loadu_ps(d + k); }, [d](uint64_t k) { return d[k]; }, out, n);
+    exp_lanes([d](uint64_t k) { return _mm256_loadu_ps(d + k); }, [d](uint64_t k) { return d[k]; }, out, n,
+              nothing);
 }
 
 void exp_of_differences_avx512(const float *x, float m, float *e, uint32_t n) {
     const __m256 mv = _mm256_set1_ps(m);
     // The vector and the scalar subtraction give the same float.
     exp_lanes([x, mv](uint64_t k) { return _mm256_sub_ps(_mm256_loadu_ps(x + k), mv); },
-              [x, m](uint64_t k) { return x[k] - m; }, e, n);
+              [x, m](uint64_t k) { return x[k] - m; }, e, n, nothing);
+}
+
+float exp_sum_of_differences_avx512(const float *x, float m, float *e, uint32_t n) {
+    const __m256 mv = _mm256_set1_ps(m);
+    float sum = 0.0f;
+    // Each block is added while the next one's exponentials are computed.
+    exp_lanes([x, mv](uint64_t k) { return _mm256_sub_ps(_mm256_loadu_ps(x + k), mv); },
+              [x, m](uint64_t k) { return x[k] - m; }, e, n,
+              [e, &sum](uint64_t k, uint64_t count) {
+                  for (uint64_t i = 0; i < count; ++i) sum = add_in_order(sum, e[k + i]);
+              });
+    return sum;
 }
 
 }  // namespace npucpu
