@@ -350,6 +350,16 @@ std::vector<Workload> workloads() {
                      return uint64_t{4000000};
                  },
                  nonzero_infershape, nonzero_compute, false, "torch"});
+    w.push_back({"detect_output_decoder [1,1,20000,8]", [](Call *&c) {
+                     c = new Call(2, 2, 0);
+                     c->input(0, {1}, std::vector<uint32_t>{20000}, NPU_DTYPE_UINT32);
+                     std::mt19937 rng(32);
+                     std::vector<int16_t> table(160000);
+                     for (auto &v : table) v = static_cast<int16_t>(rng());
+                     c->input(1, {1, 1, 20000, 8}, table, NPU_DTYPE_INT16);
+                     return uint64_t{160000 * 2};
+                 },
+                 detect_output_decoder_infershape, detect_output_decoder_compute, true, "torch"});
     return w;
 }
 

@@ -46,6 +46,8 @@ def torch_workloads():
     gp = r(1, 512, 14, 14)
     d2s = r(1, 256, 56, 56)
     nz = torch.clamp(r(1000, 1000) - 0.5, min=0)
+    dec = torch.randint(-32768, 32767, (20000, 8), generator=g, dtype=torch.int16)
+    dscale = torch.tensor([0.125] * 4 + [2.0 ** -15, 1.0, 0.0, 0.0])
 
     def nms():
         try:
@@ -86,6 +88,8 @@ def torch_workloads():
         "global_maxpool": lambda: F.adaptive_max_pool2d(gp, 1),
         "depth_to_space": lambda: F.pixel_shuffle(d2s, 2),
         "nonzero": lambda: torch.nonzero(nz).t().contiguous(),
+        # The closest torch expression: scale by column, then transpose.
+        "detect_output_decoder": lambda: (dec.float() * dscale).t().contiguous(),
     }
 
 

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "npucpu.h"
+#include "utils/dispatch.h"
 #include "utils/op_context.h"
 #include "utils/op_log.h"
 
@@ -105,6 +106,36 @@ NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle) {
     float *out1 = static_cast<float *>(qv_kel_custom_get_output_buf_by_index(handle, 1));
     if (out1 == nullptr) return NPU_ERR_INVALID_ARG;
 
+    // Fast path: a [1, 1, rows, cols] table that its buffer holds whole and
+    // an output 1 of shape [1, 1, cols, rows] that its buffer holds whole:
+    // each column is decoded straight into its output row, without the
+    // zeroed scratch table (a fresh allocation) and the transposition.
+    const uint64_t rows_n = table_shape.dims[2];
+    const uint64_t cols_n = table_shape.dims[3];
+    const uint64_t whole = rows_n * cols_n;
+    if (npucpu::fast_paths_enabled() && table_shape.dim_num == 4 && out1_shape.dim_num == 4 &&
+        table_shape.dims[0] == 1 && table_shape.dims[1] == 1 && out1_shape.dims[0] == 1 &&
+        out1_shape.dims[1] == 1 && out1_shape.dims[2] == cols_n && out1_shape.dims[3] == rows_n &&
+        whole > 0 && whole < (uint64_t{1} << 32) && table_len / sizeof(int16_t) >= whole &&
+        out1_len / sizeof(float) >= whole) {
+        for (uint64_t c = 0; c < cols_n; ++c) {
+            float *row = out1 + c * rows_n;
+            const int16_t *field = table + c;
+            if (c > kClassColumn) {
+                std::memset(row, 0, rows_n * sizeof(float));
+            } else if (c == kClassColumn) {
+                for (uint64_t r = 0; r < rows_n; ++r) row[r] = static_cast<float>(field[r * cols_n]);
+            } else {
+                const float scale = c < kBoxColumns ? kBoxScale : kScoreScale;
+                for (uint64_t r = 0; r < rows_n; ++r) row[r] = static_cast<float>(field[r * cols_n]) * scale;
+            }
+        }
+        if (count_len >= sizeof(uint32_t) && out0_len >= sizeof(float)) {
+            out0[0] = static_cast<float>(count_buf[0]);
+        }
+        return NPU_OK;
+    }
+
     // The scratch table has output 1's byte length; it is made at least as
     // large as the table's shape so that the transposition never reads past
     // it (the extra elements are zeros and are only read when the shapes are
@@ -120,12 +151,12 @@ NPU_API uint32_t detect_output_decoder_compute(OperatorContext *handle) {
     const uint64_t rows = table_shape.dims[2];
     const uint64_t cols = table_shape.dims[3];
     const uint64_t table_capacity = table_len / sizeof(int16_t);
-    for (uint64_t r = 0; r < rows; ++r) {
-        for (uint64_t c = 0; c < cols; ++c) {
-            const uint64_t i = r * cols + c;
-            if (i >= table_capacity || i >= scratch_alloc) continue;
-            scratch[i] = decode_field(table[i], static_cast<uint32_t>(c));
-        }
+    const uint64_t limit = table_capacity < scratch_alloc ? table_capacity : scratch_alloc;
+    for (uint64_t r = 0; r < rows && r * cols < limit; ++r) {
+        const uint64_t row_end = cols < limit - r * cols ? cols : limit - r * cols;
+        const int16_t *in = table + r * cols;
+        float *out = scratch + r * cols;
+        for (uint64_t c = 0; c < row_end; ++c) out[c] = decode_field(in[c], static_cast<uint32_t>(c));
     }
 
     // Guard: an output buffer shorter than its shape receives the leading

@@ -370,6 +370,44 @@ TEST_F(MemoryFast, TransposeMatchesLiteral) {
             c.attr_ints(0, "perm", perm);
             return run_op(c, 1, transpose_infershape, transpose_compute);
         });
+        // The Transpose utility (gemm's transposed operands, the decoder's
+        // table) moves the same tiles.
+        expect_same("Transpose utility case " + std::to_string(t), [&] {
+            uint32_t perm32[NPU_MAX_DIMS] = {};
+            std::vector<uint32_t> out_dims(rank);
+            for (uint32_t i = 0; i < rank; ++i) {
+                perm32[i] = static_cast<uint32_t>(perm[i]);
+                out_dims[i] = dims[perm[i]];
+            }
+            Outputs r;
+            r.bytes.assign(1, std::vector<char>(count * sizeof(float), '\x5a'));
+            Tensor in{shape_of(dims), NPU_DTYPE_FLOAT32, NPU_FORMAT_NCHW, x.data()};
+            Tensor out{shape_of(out_dims), NPU_DTYPE_FLOAT32, NPU_FORMAT_NCHW,
+                       reinterpret_cast<float *>(r.bytes[0].data())};
+            r.status = Transpose(&in, perm32, &out);
+            return r;
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
+// ---- Detection decoder ---------------------------------------------------------
+
+TEST_F(MemoryFast, DetectOutputDecoderMatchesLiteral) {
+    std::mt19937 rng(16);
+    for (int t = 0; t < 100 / kScale; ++t) {
+        const uint32_t rows = 1 + rng() % 300, cols = 1 + rng() % 12;
+        std::vector<int16_t> table(static_cast<size_t>(rows) * cols);
+        for (auto &v : table) v = static_cast<int16_t>(rng());
+        // A short table buffer stops the decoding part-way.
+        const uint64_t len = (t % 5 == 0 ? table.size() - rng() % table.size() : table.size()) * 2;
+        uint32_t n = rng();
+        expect_same("detect_output_decoder case " + std::to_string(t), [&] {
+            Ctx c(2, 2);
+            c.input(0, shape_of({1}), &n, 4, NPU_DTYPE_UINT32);
+            c.input(1, shape_of({1, 1, rows, cols}), table.data(), len, NPU_DTYPE_INT16);
+            return run_op(c, 2, detect_output_decoder_infershape, detect_output_decoder_compute);
+        });
         if (HasFatalFailure()) return;
     }
 }

@@ -192,7 +192,16 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
         const uint32_t group = rows - r0 >= 8 ? 8 : static_cast<uint32_t>(rows - r0);
         for (uint32_t g = 0; g < group && group == 8; ++g) {
             const float *row = x + (r0 + g) * len;
-            exp_diff(row, row_max(row, len), scratch + static_cast<uint64_t>(g) * len, len);
+            const float m = row_max(row, len);
+            // The next row's first read (its maximum) would otherwise wait
+            // for the cache: ask for it while this row's exponentials run.
+            if (r0 + g + 1 < rows) {
+                const char *next = reinterpret_cast<const char *>(row + len);
+                for (uint64_t b = 0; b < static_cast<uint64_t>(len) * sizeof(float); b += 64) {
+                    _mm_prefetch(next + b, _MM_HINT_T0);
+                }
+            }
+            exp_diff(row, m, scratch + static_cast<uint64_t>(g) * len, len);
         }
         // Each row's sum in index order: eight rows side by side. A row
         // whose running sum, a NaN, meets a NaN term is redone by the literal

@@ -7,6 +7,7 @@
 #include "dispatch.h"
 #include "npucpu.h"
 #include "op_log.h"
+#include "transpose_fast.h"
 
 extern "C" {
 
@@ -657,6 +658,25 @@ NPU_API uint32_t Transpose(const Tensor *input, const uint32_t *perm, Tensor *ou
             return NPU_ERR_INVALID_ARG;
         }
         seen[perm[d]] = true;
+    }
+
+    // Fast path: the same moves by tiles, where the element count does not
+    // wrap in 32 bits and the two arrays do not overlap (the position walk
+    // reads and writes in its own order).
+    if (npucpu::active_isa() >= npucpu::Isa::Avx2 && r >= 1 && input->data != nullptr &&
+        output->data != nullptr) {
+        uint64_t count = 1;
+        for (uint32_t d = 0; d < r; ++d) count *= input->shape.dims[d];
+        const uintptr_t in_lo = reinterpret_cast<uintptr_t>(input->data);
+        const uintptr_t out_lo = reinterpret_cast<uintptr_t>(output->data);
+        const uint64_t bytes = count * sizeof(float);
+        if (count >= 1 && count < (uint64_t{1} << 32) &&
+            (in_lo + bytes <= out_lo || out_lo + bytes <= in_lo)) {
+            int64_t perm64[NPU_MAX_DIMS];
+            for (uint32_t d = 0; d < r; ++d) perm64[d] = perm[d];
+            npucpu::transpose_fast_avx2(input->data, output->data, r, input->shape.dims, perm64);
+            return NPU_OK;
+        }
     }
 
     uint32_t *in_stride = static_cast<uint32_t *>(std::calloc(r > 0 ? r : 1, sizeof(uint32_t)));
