@@ -161,40 +161,61 @@ namespace {
 // greater (smaller) one, in index order, as the passes do; where slices are
 // strided, a row of running values is updated one input row at a time.
 template <bool Max>
+float slice_extreme_in_order(const float *x, uint64_t len) {
+    float v = x[0];
+    for (uint64_t k = 1; k < len; ++k) {
+        if (Max ? x[k] > v : x[k] < v) v = x[k];
+    }
+    return v;
+}
+
+// A contiguous slice's extreme. The running value starts from the first
+// element: a NaN there is never replaced, otherwise NaN never wins. Values
+// that compare equal have equal bits except +0 and -0, so unless the result
+// is a zero the order of the comparisons does not matter: sixteen running
+// values, four vectors of maxps(x, m) = x > m ? x : m (minps likewise).
+// A zero result is recomputed in index order (the first zero wins).
+template <bool Max>
+float slice_extreme(const float *x, uint64_t len) {
+    const float first = x[0];
+    if (first != first || len < 17) return slice_extreme_in_order<Max>(x, len);
+    uint64_t k = 1;
+#if defined(__SSE2__)
+    const auto pick = [](__m128 a, __m128 b) { return Max ? _mm_max_ps(a, b) : _mm_min_ps(a, b); };
+    __m128 a0 = _mm_set1_ps(first), a1 = a0, a2 = a0, a3 = a0;
+    for (; k + 16 <= len; k += 16) {
+        a0 = pick(_mm_loadu_ps(x + k), a0);
+        a1 = pick(_mm_loadu_ps(x + k + 4), a1);
+        a2 = pick(_mm_loadu_ps(x + k + 8), a2);
+        a3 = pick(_mm_loadu_ps(x + k + 12), a3);
+    }
+    float lanes[4];
+    _mm_storeu_ps(lanes, pick(pick(a0, a1), pick(a2, a3)));
+    float v = lanes[0];
+    for (int i = 1; i < 4; ++i) {
+        if (Max ? lanes[i] > v : lanes[i] < v) v = lanes[i];
+    }
+#else
+    float v = first;
+#endif
+    for (; k < len; ++k) {
+        if (Max ? x[k] > v : x[k] < v) v = x[k];
+    }
+    return v == 0.0f ? slice_extreme_in_order<Max>(x, len) : v;
+}
+
+template <bool Max>
 bool fast_extreme(const float *in, uint64_t in_cap, float *out, uint64_t out_cap, const uint32_t *in_dims,
                   int32_t rank, uint32_t axis) {
     const uint64_t outer = accumulate_mul(in_dims, 0, static_cast<int32_t>(axis));
     const uint64_t len = in_dims[axis];
     const uint64_t inner = accumulate_mul(in_dims, static_cast<int32_t>(axis) + 1, rank);
     if (len == 0 || outer * inner != out_cap || outer * len * inner > in_cap) return false;
-    uint64_t o = 0;
-    if (inner == 1) {
-        // Contiguous slices eight at a time: eight independent running
-        // values instead of one chain of dependent compares.
-        constexpr uint64_t kRows = 8;
-        for (; o + kRows <= outer; o += kRows) {
-            const float *rows = in + o * len;
-            float v[kRows];
-            for (uint64_t r = 0; r < kRows; ++r) v[r] = rows[r * len];
-            for (uint64_t k = 1; k < len; ++k) {
-                for (uint64_t r = 0; r < kRows; ++r) {
-                    const float x = rows[r * len + k];
-                    v[r] = (Max ? x > v[r] : x < v[r]) ? x : v[r];
-                }
-            }
-            for (uint64_t r = 0; r < kRows; ++r) out[o + r] = v[r];
-        }
-    }
-    for (; o < outer; ++o) {
+    for (uint64_t o = 0; o < outer; ++o) {
         const float *block = in + o * len * inner;
         float *m = out + o * inner;
         if (inner == 1) {
-            float v = block[0];
-            for (uint64_t k = 1; k < len; ++k) {
-                const float x = block[k];
-                if (Max ? x > v : x < v) v = x;
-            }
-            m[0] = v;
+            m[0] = slice_extreme<Max>(block, len);
             continue;
         }
         std::memcpy(m, block, inner * sizeof(float));
