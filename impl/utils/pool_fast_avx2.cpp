@@ -102,8 +102,9 @@ constexpr uint32_t kChunk = 32;  // windows per column-maximum chunk
 template <uint32_t S>
 static void max_row_whole(const PoolMaxRowArgs &r) {
     // The chunk's column maxima, plus room for the last load of a stride-2
-    // pair (one float past the last column) and alignment slack.
-    alignas(32) float col[kChunk * S + kPoolMaxKernelW + 16] = {};
+    // pair (it reaches one float past the last column, into a lane that is
+    // not used; that float is set so that nothing uninitialised is read).
+    alignas(32) float col[kChunk * S + kPoolMaxKernelW + 16];
     const uint64_t data_end = static_cast<uint64_t>(r.left) + r.width;
     uint32_t j0 = 0;
     while (j0 < r.count) {
@@ -116,6 +117,7 @@ static void max_row_whole(const PoolMaxRowArgs &r) {
         }
         const uint32_t span = (n - 1) * S + r.kernel_w;
         const uint64_t first = static_cast<uint64_t>(j0) * S;
+        _mm256_storeu_ps(col + span, _mm256_set1_ps(kMaxStart));
         uint32_t c = 0;
         while (c < span) {
             const uint64_t pc = first + c;
