@@ -60,7 +60,7 @@ TEST(ArgMinMax, Table) {
         if (tc.last != kAbsent) c.attr_int(2, "select_last_index", tc.last);
         EXPECT_EQ(capture_stderr([&] {
                       EXPECT_EQ(tc.op->infer(c.h), tc.status);
-                      if (tc.status == NPU_OK) EXPECT_EQ(dims_of(c.output_shape(0)), tc.out_shape);
+                      if (tc.status == NPU_OK) { EXPECT_EQ(dims_of(c.output_shape(0)), tc.out_shape); }
                       U out(tc.out.size(), kS);
                       qv_kel_custom_set_output_buf_by_index(c.h, 0, out.data(), (out.size() - 2) * 4);
                       EXPECT_EQ(tc.op->compute(c.h), tc.status);

@@ -405,23 +405,6 @@ TEST(ResizeCompute, MatchesThePlaneWalk) {
     }
 }
 
-TEST(ResizeCompute, KnownValues) {
-    const struct { ComputeCase run; std::vector<float> x, expected; } cases[] = {
-        {{"nearest 2x asymmetric floor", {2, 2}, {4, 4},
-          {S(kCtm, "asymmetric"), S("mode", "nearest"), S("nearest_mode", "floor")}},
-         {1, 2, 3, 4}, {1, 1, 2, 2, 1, 1, 2, 2, 3, 3, 4, 4, 3, 3, 4, 4}},
-        {{"linear align_corners rank 1", {3}, {5}, {S(kCtm, "align_corners"), S("mode", "linear")}},
-         {1, 2, 4}, {1, 1.5f, 2, 3, 4}},
-        // a = 0: the outer taps vanish and the inner weights are 1 - 3t^2 + 2t^3.
-        {{"cubic a=0 asymmetric 2x", {1, 3}, {1, 6}, {S(kCtm, "asymmetric"), S("mode", "cubic")}},
-         {0, 8, 16}, {0, 4, 8, 12, 16, 16}},
-    };
-    for (const auto &c : cases) {
-        std::vector<float> x = c.x;
-        EXPECT_EQ(run_resize(c.run, x), c.expected) << c.run.name;
-    }
-}
-
 TEST(ResizeCompute, AbsentAttributesReadByTheGetters) {
     // Which getters meet an absent attribute (and log it) depends on the mode.
     const std::string str = "T Err   qv_kel_custom_get_attr_string:L get attr error, attr is null\n";
