@@ -1,5 +1,4 @@
-// argmax / argmin: shape rule, tie rule, NaN, integer input, axis guards,
-// refusals and messages.
+// argmax / argmin: shape rule, tie rule, NaN, integer input, axis guards, messages.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,5 +1,4 @@
-// Depth to space: both channel orders against the operator's definition,
-// mode selection, the 0xFFFFFFFF failures with their messages, and guards.
+// Depth to space: both channel orders, mode selection, failures and guards.
 #include <gtest/gtest.h>
 
 #include "npucpu.h"

@@ -1,5 +1,4 @@
-// Global average and max pooling: reduction order, the max start value,
-// empty planes and batches, the input-count message and the buffer guards.
+// Global average and max pooling: reduction order, start value, empty planes, guards.
 #include <gtest/gtest.h>
 
 #include <limits>

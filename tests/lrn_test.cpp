@@ -1,5 +1,4 @@
-// Local response normalisation: channel windows for odd, even and negative
-// sizes, the fused float denominator, attribute defaults and the refusals.
+// Local response normalisation: channel windows, the fused denominator, defaults, refusals.
 #include <gtest/gtest.h>
 
 #include <cmath>

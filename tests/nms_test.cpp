@@ -1,6 +1,4 @@
-// Non-maximum suppression: shape inference and its warnings, selection
-// (thresholds, overlap rules, box forms, ordering), packing of the rows, and
-// the refusals of malformed calls.
+// Non-maximum suppression: shape and warnings, selection and packing, refusals.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -1,5 +1,4 @@
-// reducemax / reducemin / reducemean: the shared shape rule, the three
-// deliberately different computes, guards and messages.
+// reducemax / reducemin / reducemean: the shared shape rule and the three computes.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,5 +1,4 @@
-// softmax: axis default, the start of the maximum, exact bits, short buffers,
-// guards and messages.
+// softmax: axis default, the start of the maximum, exact bits, guards and messages.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,5 +1,4 @@
-// topk: sorted and unsorted orders, ties, K clamping, integer comparators,
-// guards and messages.
+// topk: sorted and unsorted orders, ties, K clamping, integer comparators, guards.
 #include <gtest/gtest.h>
 
 #include <cmath>
