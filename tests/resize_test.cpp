@@ -273,20 +273,11 @@ TEST(ResizeInfershape, Table) {
     EXPECT_EQ(resize_check_supported(ctx.h), 1u);
 }
 
-struct Attr {
-    const char *name;
-    std::string text;  // string attribute unless is_float
-    float value;
-    bool is_float;
-};
+struct Attr { const char *name; std::string text; float value; bool is_float; };  // text unless is_float
 Attr S(const char *name, const char *text) { return {name, text, 0.0f, false}; }
 Attr F(const char *name, float v) { return {name, "", v, true}; }
 
-// What the attributes should select.
-struct Params {
-    uint32_t coordinate, sampling, rounding;
-    float a;
-};
+struct Params { uint32_t coordinate, sampling, rounding; float a; };  // what the attributes should select
 const uint32_t kNearest = 0, kLinear = 1, kCubic = 2;
 
 // The operator's plane walk, one call per pixel, each plane copied into
@@ -331,7 +322,7 @@ struct ComputeCase {
     const char *name;
     std::vector<uint32_t> in_dims, out_dims;
     std::vector<Attr> attrs;
-    Params expect = {};                     // what the attributes should select
+    Params expect = {};
     std::vector<float> roi = {};            // input 1, for tf_crop_and_resize
     std::vector<float> box = {0, 1, 0, 1};  // the crop box the operator should take from roi
 };
