@@ -1,25 +1,28 @@
-// Local response normalisation: channel windows for odd, even and negative
-// sizes, the fused float denominator, attribute defaults and the refusals.
+// Local response normalisation: channel windows, the fused denominator, defaults, refusals.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "npucpu.h"
 #include "test_util.h"
 
 namespace {
 
-using npucpu_test::Ctx;
-using npucpu_test::shape_of;
+using namespace npucpu_test;
+using Floats = std::vector<std::pair<const char *, float>>;
 
-uint32_t bits(float f) {
-    uint32_t b;
-    std::memcpy(&b, &f, 4);
-    return b;
+// Runs both stages with `size` and the given float attributes. Optional
+// attributes are looked up before they are read, so nothing is logged.
+std::vector<float> run_lrn(const std::vector<uint32_t> &dims, std::vector<float> in, int64_t size,
+                           const Floats &attrs) {
+    Ctx ctx(1, 1, 1 + static_cast<uint32_t>(attrs.size()));
+    ctx.input(0, shape_of(dims), in);
+    ctx.attr_int(0, "size", size);
+    for (uint32_t i = 0; i < attrs.size(); ++i) ctx.attr_float(i + 1, attrs[i].first, attrs[i].second);
+    EXPECT_EQ(lrn_infershape(ctx.h), 0u);
+    ctx.alloc_output(0, 42.0f);
+    EXPECT_EQ(capture_stdout([&] { EXPECT_EQ(lrn_compute(ctx.h), 0u); }), "");
+    return ctx.output(0);
 }
 
 // With alpha = size and beta = 1 the denominator is exactly 1 + the window's
@@ -40,30 +43,19 @@ TEST(Lrn, ChannelWindows) {
     for (size_t i = 0; i < in.size(); ++i) in[i] = static_cast<float>(i % 7) - 2.0f;
     for (const auto &t : cases) {
         SCOPED_TRACE("size " + std::to_string(t.first));
-        Ctx ctx(1, 1, 3);
-        ctx.input(0, shape_of({N, C, S}), in);
-        ctx.attr_float(0, "alpha", static_cast<float>(t.first));
-        ctx.attr_float(1, "beta", 1.0f);
-        ctx.attr_int(2, "size", t.first);
-        ASSERT_EQ(lrn_infershape(ctx.h), 0u);
-        std::vector<float> &out = ctx.alloc_output(0, 42.0f);
-        ASSERT_EQ(lrn_compute(ctx.h), 0u);
+        const std::vector<float> out = run_lrn({N, C, S}, in, t.first, {{"alpha", float(t.first)}, {"beta", 1.0f}});
         for (uint32_t i = 0; i < N * C * S; ++i) {
             const uint32_t n = i / (C * S), c = i / S % C, j = i % S;
             double sum = 0;
-            for (int k = t.second[c].first; k <= t.second[c].second; ++k) {
+            for (int k = t.second[c].first; k <= t.second[c].second; ++k)
                 sum += double(in[(n * C + k) * S + j]) * in[(n * C + k) * S + j];
-            }
             EXPECT_EQ(bits(out[i]), bits(static_cast<float>(in[i] / (1.0 + sum)))) << i;
         }
     }
 }
 
-TEST(Lrn, Denominator) {
-    const struct {
-        const char *what;
-        float alpha, beta, bias, x, want;
-    } cases[] = {
+TEST(Lrn, DenominatorAndDefaults) {
+    const struct { const char *what; float alpha, beta, bias, x, want; } cases[] = {
         {"beta is a power", 3.0f, 0.5f, 1.0f, 1.0f, 0.5f},
         // alpha * x^2 + bias is one fused operation: with bias equal to minus
         // the rounded product only the rounding error remains (unfused: 0).
@@ -71,39 +63,14 @@ TEST(Lrn, Denominator) {
         {"zero denominator", 1.0f, 1.0f, -4.0f, 2.0f, INFINITY},
     };
     for (const auto &t : cases) {
-        SCOPED_TRACE(t.what);
-        Ctx ctx(1, 1, 4);
-        std::vector<float> in = {t.x};
-        ctx.input(0, shape_of({1, 1}), in);
-        ctx.attr_float(0, "alpha", t.alpha);
-        ctx.attr_float(1, "beta", t.beta);
-        ctx.attr_int(2, "size", 1);
-        ctx.attr_float(3, "bias", t.bias);
-        ASSERT_EQ(lrn_infershape(ctx.h), 0u);
-        std::vector<float> &out = ctx.alloc_output(0);
-        ASSERT_EQ(lrn_compute(ctx.h), 0u);
-        EXPECT_EQ(bits(out[0]), bits(t.want)) << out[0];
+        const Floats attrs = {{"alpha", t.alpha}, {"beta", t.beta}, {"bias", t.bias}};
+        EXPECT_EQ(bits(run_lrn({1, 1}, {t.x}, 1, attrs)[0]), bits(t.want)) << t.what;
     }
-}
-
-TEST(Lrn, AbsentAttributesTakeTheirDefaults) {
-    std::vector<float> in = {0.5f, -3.0f, 7.25f, 100.0f, -0.001f, 12.0f};
-    std::vector<float> results[2];
-    for (int explicit_defaults = 0; explicit_defaults < 2; ++explicit_defaults) {
-        Ctx ctx(1, 1, 4);
-        ctx.input(0, shape_of({1, 3, 2}), in);
-        ctx.attr_int(0, "size", 3);
-        ctx.attr_float(1, explicit_defaults ? "alpha" : "-", 0.0001f);
-        ctx.attr_float(2, explicit_defaults ? "beta" : "-", 0.75f);
-        ctx.attr_float(3, explicit_defaults ? "bias" : "-", 1.0f);
-        ASSERT_EQ(lrn_infershape(ctx.h), 0u);
-        ctx.alloc_output(0);
-        // Optional attributes are looked up before they are read: no messages.
-        EXPECT_EQ(npucpu_test::capture_stdout([&] { EXPECT_EQ(lrn_compute(ctx.h), 0u); }), "");
-        results[explicit_defaults] = ctx.output(0);
-    }
-    EXPECT_EQ(0, std::memcmp(results[0].data(), results[1].data(), 4 * in.size()));
-    EXPECT_NE(results[0], in);
+    // Absent alpha, beta and bias take 0.0001, 0.75 and 1.
+    const std::vector<float> in = {0.5f, -3.0f, 7.25f, 100.0f, -0.001f, 12.0f};
+    const std::vector<float> absent = run_lrn({1, 3, 2}, in, 3, {});
+    expect_bits(run_lrn({1, 3, 2}, in, 3, {{"alpha", 0.0001f}, {"beta", 0.75f}, {"bias", 1.0f}}), absent);
+    EXPECT_NE(absent, in);
 }
 
 TEST(Lrn, RefusalsWriteNothing) {
@@ -131,9 +98,7 @@ TEST(Lrn, RefusalsWriteNothing) {
         if (t.with_size) ctx.attr_int(0, "size", 1);
         qv_kel_custom_set_output_buf_by_index(ctx.h, 0, t.null_out ? nullptr : out.data(), t.out_len);
         uint32_t status = 0;
-        EXPECT_EQ(npucpu_test::mask_error_lines(
-                      npucpu_test::capture_stderr([&] { status = lrn_compute(ctx.h); })),
-                  t.err);
+        EXPECT_EQ(mask_error_lines(capture_stderr([&] { status = lrn_compute(ctx.h); })), t.err);
         EXPECT_EQ(status, t.status);
         EXPECT_EQ(out, std::vector<float>(4, 42.0f));
     }

@@ -1,23 +1,18 @@
-// reducemax / reducemin / reducemean: the shared shape rule, the three
-// deliberately different computes, guards and messages.
+// reducemax / reducemin / reducemean: the shared shape rule and the three computes.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "npucpu.h"
 #include "test_util.h"
 
-using npucpu_test::Ctx;
-using npucpu_test::shape_of;
-using Axes = std::optional<std::vector<int64_t>>;
-using F = std::vector<float>;
-
 namespace {
 
+using namespace npucpu_test;
+using Axes = std::optional<std::vector<int64_t>>;
+using A = std::vector<int64_t>;
+using F = std::vector<float>;
 constexpr float kS = -12345.0f;  // sentinel
 const float kNaN = std::nanf("");
 
@@ -27,22 +22,18 @@ struct Op {
 };
 const Op kMax{"reducemax", reducemax_infershape, reducemax_check_supported, reducemax_compute};
 const Op kMin{"reducemin", reducemin_infershape, reducemin_check_supported, reducemin_compute};
-const Op kMean{"reducemean", reducemean_infershape, reducemean_check_supported,
-               reducemean_compute};
-
-struct ShapeCase {
-    std::vector<uint32_t> shape;
-    Axes axes;
-    int64_t keepdims;
-    std::vector<uint32_t> out_shape;  // empty and message set: refused
-    std::string message;              // text after the unit, "" for none
-    uint32_t status = NPU_OK;
-};
+const Op kMean{"reducemean", reducemean_infershape, reducemean_check_supported, reducemean_compute};
 
 TEST(Reduce, ShapeInference) {
-    using A = std::vector<int64_t>;
     const uint32_t kRefused = NPU_ERR_INPUT_NUM;
-    const std::vector<ShapeCase> cases = {
+    const struct {
+        std::vector<uint32_t> shape;
+        Axes axes;
+        int64_t keepdims;
+        std::vector<uint32_t> out_shape;
+        std::string message;  // text after the unit, "" for none
+        uint32_t status = NPU_OK;
+    } cases[] = {
         {{2, 3, 4}, std::nullopt, 0, {1}, ""},
         {{2, 3, 4}, std::nullopt, 1, {1, 1, 1}, ""},
         {{2, 3, 4}, A{1}, 2, {2, 4}, ""},
@@ -58,22 +49,18 @@ TEST(Reduce, ShapeInference) {
         {{}, A{0}, 0, {}, "", kRefused},
     };
     for (const Op *op : {&kMax, &kMin, &kMean}) {
-        for (size_t n = 0; n < cases.size(); ++n) {
-            const ShapeCase &tc = cases[n];
-            SCOPED_TRACE(std::string(op->name) + " case " + std::to_string(n));
+        for (const auto &tc : cases) {
+            SCOPED_TRACE(std::string(op->name) + " " + ::testing::PrintToString(tc.shape) + " " + tc.message);
             F data(24, 1.0f);
             Ctx c(1, 1, 2);
             c.input(0, shape_of(tc.shape), data);
             c.attr_int(0, "keepdims", tc.keepdims);
             if (tc.axes) c.attr_ints(1, "axes", *tc.axes);
-            std::string err =
-                npucpu_test::capture_stderr([&] { EXPECT_EQ(op->infer(c.h), tc.status); });
-            EXPECT_EQ(npucpu_test::mask_error_lines(err),
-                      tc.message.empty() ? "" : "[E] [custom] [" + std::string(op->name) +
-                                                    "_ops_impl:L] " + tc.message);
-            if (tc.status == NPU_OK) {
-                EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), tc.out_shape);
-            }
+            const std::string err = capture_stderr([&] { EXPECT_EQ(op->infer(c.h), tc.status); });
+            EXPECT_EQ(mask_error_lines(err),
+                      tc.message.empty() ? "" : "[E] [custom] [" + std::string(op->name) + "_ops_impl:L] " +
+                                                    tc.message);
+            if (tc.status == NPU_OK) { EXPECT_EQ(dims_of(c.output_shape(0)), tc.out_shape); }
             // Compute refuses the over-long list too, and an out-of-range axis.
             if (tc.status != NPU_OK && !tc.shape.empty()) {
                 F out(6, kS);
@@ -86,21 +73,12 @@ TEST(Reduce, ShapeInference) {
     }
 }
 
-struct ComputeCase {
-    const Op *op;
-    std::vector<uint32_t> shape;
-    F data;
-    Axes axes;
-    F want;
-};
-
 TEST(Reduce, Compute) {
-    using A = std::vector<int64_t>;
     const F m = {1, 2, 3, 4, 5, 6};
     const F skew = {5, 5, 5, 9, 0, 9};
     F x(24);
     for (int i = 0; i < 24; ++i) x[i] = static_cast<float>((i * 7) % 11) - 3.0f;
-    const std::vector<ComputeCase> cases = {
+    const struct { const Op *op; std::vector<uint32_t> shape; F data; Axes axes; F want; } cases[] = {
         {&kMax, {2, 3, 4}, x, std::nullopt, {7}},
         {&kMin, {2, 3, 4}, x, std::nullopt, {-3}},
         {&kMean, {2, 3, 4}, x, A{1}, {-2.0f / 3, 8.0f / 3, 7.0f / 3, 2, 8.0f / 3, 7.0f / 3, 2, 5.0f / 3}},
@@ -120,9 +98,8 @@ TEST(Reduce, Compute) {
         {&kMax, {}, {-4}, std::nullopt, {-4}},
         {&kMean, {2, 0, 3}, {}, A{1}, F(6, kS)},  // zero-length axis: nothing written
     };
-    for (size_t n = 0; n < cases.size(); ++n) {
-        const ComputeCase &tc = cases[n];
-        SCOPED_TRACE(std::string(tc.op->name) + " case " + std::to_string(n));
+    for (const auto &tc : cases) {
+        SCOPED_TRACE(std::string(tc.op->name) + " " + ::testing::PrintToString(tc.data));
         F data = tc.data;
         data.push_back(0);  // a non-null buffer even for no elements
         Ctx c(1, 1, 1);
@@ -132,8 +109,7 @@ TEST(Reduce, Compute) {
         EXPECT_EQ(tc.op->check(c.h), 1u);
         F &out = c.alloc_output(0, kS);
         EXPECT_EQ(tc.op->compute(c.h), NPU_OK);
-        ASSERT_EQ(out.size(), tc.want.size());
-        EXPECT_EQ(0, std::memcmp(out.data(), tc.want.data(), out.size() * 4));
+        expect_bits(tc.want, out);
     }
 }
 

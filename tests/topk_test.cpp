@@ -1,47 +1,33 @@
-// topk: sorted and unsorted orders, ties, K clamping, integer comparators,
-// guards and messages.
+// topk: sorted and unsorted orders, ties, K clamping, integer comparators, guards.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
-#include <string>
-#include <vector>
 
 #include "npucpu.h"
 #include "test_util.h"
 
-using npucpu_test::Ctx;
-using npucpu_test::shape_of;
-using U = std::vector<uint32_t>;
-
 namespace {
 
+using namespace npucpu_test;
+using U = std::vector<uint32_t>;
 constexpr uint32_t kS = 0xdeadbeefu;  // sentinel
 constexpr int64_t kAbsent = -99;
 const std::string kPrefix = "[E] [custom] [topk_ops_impl:L] ";
-
-template <typename T>
-uint32_t bits(T v) {
-    uint32_t u;
-    std::memcpy(&u, &v, 4);
-    return u;
-}
-
-struct Case {
-    U shape;
-    std::vector<double> data;  // float elements, or int32 when `ints` is set
-    uint32_t k;
-    int64_t axis, largest, sorted;
-    U out_shape;
-    std::vector<double> values;
-    U indices;
-    bool ints = false;
-};
 
 TEST(Topk, Table) {
     const std::vector<double> x = {5, 1, 4, 2, 3}, ties = {2, 7, 2, 7, 2};
     const double nan = std::nan("");
     const int64_t A = kAbsent;
+    struct Case {
+        U shape;
+        std::vector<double> data;  // float elements, or int32 when `ints` is set
+        uint32_t k;
+        int64_t axis, largest, sorted;
+        U out_shape;
+        std::vector<double> values;
+        U indices;
+        bool ints = false;
+    };
     const std::vector<Case> cases = {
         {{3}, {1, 3, 2}, 2, A, A, A, {2}, {3, 2}, {1, 2}},
         {{3}, {1, 3, 2}, 2, A, 0, 1, {2}, {1, 2}, {0, 2}},
@@ -69,11 +55,9 @@ TEST(Topk, Table) {
         const Case &tc = cases[n];
         SCOPED_TRACE("case " + std::to_string(n));
         const uint32_t dtype = tc.ints ? NPU_DTYPE_INT32 : NPU_DTYPE_FLOAT32;
-        auto raw = [&](const std::vector<double> &v) {
+        auto raw = [&](const std::vector<double> &v) {  // element bits
             U r;
-            for (double e : v) {
-                r.push_back(tc.ints ? bits(static_cast<int32_t>(e)) : bits(static_cast<float>(e)));
-            }
+            for (double e : v) r.push_back(tc.ints ? uint32_t(int32_t(e)) : bits(float(e)));
             return r;
         };
         U data = raw(tc.data), values(tc.values.size() + 1, kS), indices(values);
@@ -84,10 +68,10 @@ TEST(Topk, Table) {
         if (tc.axis != kAbsent) c.attr_int(0, "axis", tc.axis);
         if (tc.largest != kAbsent) c.attr_int(1, "largest", tc.largest);
         if (tc.sorted != kAbsent) c.attr_int(2, "sorted", tc.sorted);
-        std::string log = npucpu_test::capture_stdout([&] {
+        std::string log = capture_stdout([&] {
             ASSERT_EQ(topk_infershape(c.h), NPU_OK);
-            EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), tc.out_shape);
-            EXPECT_EQ(npucpu_test::dims_of(c.output_shape(1)), tc.out_shape);
+            EXPECT_EQ(dims_of(c.output_shape(0)), tc.out_shape);
+            EXPECT_EQ(dims_of(c.output_shape(1)), tc.out_shape);
             uint32_t d0 = 9, d1 = 9;
             qv_kel_custom_get_output_dtype_by_index(c.h, 0, &d0);
             qv_kel_custom_get_output_dtype_by_index(c.h, 1, &d1);
@@ -100,7 +84,7 @@ TEST(Topk, Table) {
         });
         EXPECT_EQ(log, "");  // absent attributes are not read
         U want_values = raw(tc.values), want_indices = tc.indices;
-        want_values.push_back(kS);
+        want_values.push_back(kS);  // one slot past the output stays untouched
         want_indices.push_back(kS);
         EXPECT_EQ(values, want_values);
         EXPECT_EQ(indices, want_indices);
@@ -108,10 +92,7 @@ TEST(Topk, Table) {
 }
 
 TEST(Topk, RefusalsAndMessages) {
-    const struct {
-        int64_t axis, sorted;
-        std::string message;
-    } refusals[] = {
+    const struct { int64_t axis, sorted; std::string message; } refusals[] = {
         {2, 1, "topk axis: 2 must be in [-2, 2 - 1] \n"},
         {-3, 1, "topk axis: -3 must be in [-2, 2 - 1] \n"},
         {1, 2, "topk sorted:  must be 0 or 1 but not 2 \n"},
@@ -125,14 +106,12 @@ TEST(Topk, RefusalsAndMessages) {
         c.input(1, shape_of({1}), &k, 4, NPU_DTYPE_INT32);
         c.attr_int(0, "axis", r.axis);
         c.attr_int(1, "sorted", r.sorted);
-        std::string err = npucpu_test::capture_stderr(
-            [&] { EXPECT_EQ(topk_infershape(c.h), NPU_ERR_INPUT_NUM); });
-        EXPECT_EQ(npucpu_test::mask_error_lines(err), kPrefix + r.message);
+        std::string err = capture_stderr([&] { EXPECT_EQ(topk_infershape(c.h), NPU_ERR_INPUT_NUM); });
+        EXPECT_EQ(mask_error_lines(err), kPrefix + r.message);
     }
     Ctx three(3, 2);
-    std::string err = npucpu_test::capture_stderr(
-        [&] { EXPECT_EQ(topk_infershape(three.h), NPU_ERR_INPUT_NUM); });
-    EXPECT_EQ(npucpu_test::mask_error_lines(err), kPrefix + "topk only support 2 inputs \n");
+    std::string err = capture_stderr([&] { EXPECT_EQ(topk_infershape(three.h), NPU_ERR_INPUT_NUM); });
+    EXPECT_EQ(mask_error_lines(err), kPrefix + "topk only support 2 inputs \n");
 
     Ctx c(2, 2);
     c.input(0, shape_of({4}), data);
@@ -143,19 +122,19 @@ TEST(Topk, RefusalsAndMessages) {
     c.input(1, shape_of({1}), &k64, 8, NPU_DTYPE_INT64);
     c.input(0, shape_of({4}), data.data(), 16, NPU_DTYPE_FLOAT64);
     ASSERT_EQ(topk_infershape(c.h), NPU_OK);
-    EXPECT_EQ(npucpu_test::dims_of(c.output_shape(0)), U{2});
+    EXPECT_EQ(dims_of(c.output_shape(0)), U{2});
     EXPECT_EQ(topk_check_supported(c.h), 0u);
     qv_kel_custom_set_output_buf_by_index(c.h, 0, v.data(), 8);
     qv_kel_custom_set_output_buf_by_index(c.h, 1, i.data(), 8);
-    err = npucpu_test::capture_stderr([&] { EXPECT_EQ(topk_compute(c.h), NPU_ERR_UNSUPPORTED); });
-    EXPECT_EQ(npucpu_test::mask_error_lines(err), kPrefix + "Get top index failure \n");
+    err = capture_stderr([&] { EXPECT_EQ(topk_compute(c.h), NPU_ERR_UNSUPPORTED); });
+    EXPECT_EQ(mask_error_lines(err), kPrefix + "Get top index failure \n");
     // Short buffers: two input elements behind [4], outputs of one element.
     c.input(0, shape_of({4}), data.data(), 8);
     qv_kel_custom_set_output_buf_by_index(c.h, 0, v.data(), 4);
     qv_kel_custom_set_output_buf_by_index(c.h, 1, i.data(), 4);
     EXPECT_EQ(topk_compute(c.h), NPU_OK);
     EXPECT_EQ(v, (std::vector<float>{2, -1}));
-    EXPECT_EQ(bits(i[0]), 1u);
+    EXPECT_EQ(bits(i[0]), 1u);  // index 1, as int32
     qv_kel_custom_set_output_buf_by_index(c.h, 1, nullptr, 0);
     EXPECT_EQ(topk_compute(c.h), NPU_ERR_INVALID_ARG);
 }
