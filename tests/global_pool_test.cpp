@@ -80,6 +80,16 @@ TEST(GlobalPool, MessagesAndGuards) {
         qv_kel_custom_set_output_buf_by_index(short_bufs.h, 0, out.data(), 8);
         EXPECT_EQ(op->compute(short_bufs.h), 0u);
         EXPECT_EQ(out, (std::vector<float>{2, op == &kAvg ? 1.0f : 2.0f, 0, 0}));
+        // N or C past INT32_MAX count as negative: the output is zeroed and
+        // nothing is pooled (the buffers are far shorter than the shape).
+        for (const auto &dims : {std::vector<uint32_t>{0x80000000u, 1, 2}, std::vector<uint32_t>{1, 0x80000001u, 2}}) {
+            std::fill(out.begin(), out.end(), 42.0f);
+            Ctx huge(1, 1);
+            huge.input(0, shape_of(dims), in);
+            qv_kel_custom_set_output_buf_by_index(huge.h, 0, out.data(), 16);
+            EXPECT_EQ(op->compute(huge.h), 0u);
+            EXPECT_EQ(out, std::vector<float>(4, 0.0f));
+        }
         Ctx no_out(1, 1);
         no_out.input(0, shape_of({1, 1}), in);
         EXPECT_EQ(op->compute(no_out.h), uint32_t{NPU_ERR_INVALID_ARG});

@@ -139,4 +139,44 @@ TEST(Topk, RefusalsAndMessages) {
     EXPECT_EQ(topk_compute(c.h), NPU_ERR_INVALID_ARG);
 }
 
+// K comes from the bytes input 1 has (a 2-byte buffer gives its low half,
+// the rest zero) and reads unsigned in the operator, so -3 is clamped to the
+// axis length; the kernel's signed K selects nothing when negative; compute
+// refuses an axis outside the rank.
+TEST(Topk, KBytesNegativeKAndAxis) {
+    std::vector<float> data = {1, 5, 3, 4};
+    const struct { uint32_t k; uint64_t k_len; std::vector<float> values; } cases[] = {
+        {0xffff0002u, 2, {5, 4, -1, -1}},
+        {static_cast<uint32_t>(-3), 4, {5, 4, 3, 1}},
+    };
+    for (const auto &tc : cases) {
+        uint32_t k = tc.k;
+        std::vector<float> v(4, -1), i(4, -1);
+        Ctx c(2, 2);
+        c.input(0, shape_of({4}), data);
+        c.input(1, shape_of({1}), &k, tc.k_len, NPU_DTYPE_INT32);
+        ASSERT_EQ(topk_infershape(c.h), NPU_OK);
+        qv_kel_custom_set_output_buf_by_index(c.h, 0, v.data(), 16);
+        qv_kel_custom_set_output_buf_by_index(c.h, 1, i.data(), 16);
+        EXPECT_EQ(topk_compute(c.h), NPU_OK);
+        EXPECT_EQ(v, tc.values);
+    }
+    std::vector<float> kv(4, -1);
+    std::vector<uint32_t> ki(4, 7);
+    const TensorShape s = shape_of({4});
+    EXPECT_EQ(get_top_fp32(data.data(), kv.data(), ki.data(), &s, -2, 0, 1, 1, 16, 16), NPU_OK);
+    EXPECT_EQ(kv, std::vector<float>(4, -1));
+    // Infershape refuses axis 1 of a rank-1 input; compute alone refuses it too.
+    uint32_t k = 1;
+    std::vector<float> v(1, -1), i(1, -1);
+    Ctx c(2, 2, 1);
+    c.input(0, shape_of({4}), data);
+    c.input(1, shape_of({1}), &k, 4, NPU_DTYPE_INT32);
+    c.attr_int(0, "axis", 1);
+    qv_kel_custom_set_output_buf_by_index(c.h, 0, v.data(), 4);
+    qv_kel_custom_set_output_buf_by_index(c.h, 1, i.data(), 4);
+    EXPECT_EQ(topk_compute(c.h), NPU_ERR_INVALID_ARG);
+    EXPECT_EQ(v[0], -1.0f);
+}
+
 }  // namespace
