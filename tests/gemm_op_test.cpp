@@ -142,17 +142,9 @@ TEST(GemmOp, ComputeOutsideTheProtocol) {
     const std::string pre = "[E] [custom] [gemm_ops_impl:L] ";
     const std::vector<float> untouched(8, kSentinel), zeros(8, 0.0f);
     const std::vector<float> leading = {10, 5, 4, 6, 22, kSentinel, kSentinel, kSentinel};
-    const struct {
-        const char *name;
-        bool trans_a;
-        int input;  // -1: none given again
-        std::vector<uint32_t> dims;
-        bool null;
-        uint64_t len;
-        uint32_t y_format, y_len, operand_format, status;  // y_len 0: null output
-        std::string err;
-        std::vector<float> want;  // the whole output buffer afterwards
-    } cases[] = {
+    // input -1: none given again; y_len 0: a null output; want: the whole output buffer afterwards.
+    const struct { const char *name; bool trans_a; int input; std::vector<uint32_t> dims; bool null; uint64_t len;
+                   uint32_t y_format, y_len, operand_format, status; std::string err; std::vector<float> want; } cases[] = {
         {"null A", 0, 0, {2, 3}, 1, 24, M, 32, C, ARG, "", untouched},
         {"null B", 0, 1, {3, 4}, 1, 48, M, 32, C, ARG, "", untouched},
         {"null output", 0, -1, {}, 0, 0, M, 0, C, ARG, "", untouched},
