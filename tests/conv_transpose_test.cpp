@@ -95,23 +95,22 @@ TEST(ConvTranspose, Infershape) {
     const std::string op_text = kPrefix +
         "Each padding value in output_padding  must be less than the corresponding stride/dilation  dimension .  \n";
     const std::string bad_mode = kPrefix + "INVALID auto_pad mode  \n" + kPrefix + "Process auto_pad fail \n";
+    const std::string not_divisible = kPrefix + "Input channel is not divisible by group  \n";
     const Dims x3 = {1, 3, 2, 2}, x1 = {1, 1, 2, 2}, w1 = {1, 1, 1, 1}, x33 = {1, 1, 3, 3}, w33 = {1, 1, 3, 3};
+    const uint32_t ARG = NPU_ERR_INVALID_ARG;
+    // Explicit pads, kernel_shape and group on valid shapes are the sweep's.
     const struct { const char *name; Dims x, w; int64_t group; IntAttrs ints; const char *auto_pad;
                    uint32_t status; std::string err; Dims out; } cases[] = {
-        {"negative group before any shape check", x3, {4, 1, 1, 1}, -1, {}, "NOTSET", NPU_ERR_INVALID_ARG,
+        {"negative group before any shape check", x3, {4, 1, 1, 1}, -1, {}, "NOTSET", ARG,
          kPrefix + "group number should >= 0 \n", {}},
-        {"channels not divisible by group", x3, {3, 1, 1, 1}, 2, {}, "NOTSET", NPU_ERR_INVALID_ARG,
-         kPrefix + "Input channel is not divisible by group  \n", {}},
-        {"zero group", x3, {3, 1, 1, 1}, 0, {}, "NOTSET", NPU_ERR_INVALID_ARG,
-         kPrefix + "Input channel is not divisible by group  \n", {}},
-        {"divisibility skipped when filters differ", x3, {4, 1, 1, 1}, 2, {}, "NOTSET", NPU_ERR_INVALID_ARG,
+        {"channels not divisible by group", x3, {3, 1, 1, 1}, 2, {}, "NOTSET", ARG, not_divisible, {}},
+        {"zero group", x3, {3, 1, 1, 1}, 0, {}, "NOTSET", ARG, not_divisible, {}},
+        {"divisibility skipped when filters differ", x3, {4, 1, 1, 1}, 2, {}, "NOTSET", ARG,
          kPrefix + "Input batch not equal to filter channel \n", {}},
-        {"output_padding (1, 0) at strides (1, 1)", x1, w1, 1, {{"output_padding", {1, 0}}}, "NOTSET",
-         NPU_ERR_INVALID_ARG, op_text, {}},
+        {"output_padding (1, 0) at strides (1, 1)", x1, w1, 1, {{"output_padding", {1, 0}}}, "NOTSET", ARG, op_text, {}},
         {"output_padding not below stride / dilation", x1, w1, 1,
-         {{"strides", {3, 3}}, {"dilations", {2, 1}}, {"output_padding", {1, 0}}}, "NOTSET", NPU_ERR_INVALID_ARG,
-         op_text, {}},
-        {"zero dilation", x1, w1, 1, {{"dilations", {0, 1}}}, "NOTSET", NPU_ERR_INVALID_ARG, op_text, {}},
+         {{"strides", {3, 3}}, {"dilations", {2, 1}}, {"output_padding", {1, 0}}}, "NOTSET", ARG, op_text, {}},
+        {"zero dilation", x1, w1, 1, {{"dilations", {0, 1}}}, "NOTSET", ARG, op_text, {}},
         {"unknown auto_pad", x1, w1, 1, {}, "SAME", NPU_FAIL, bad_mode, {}},
         {"auto_pad absent", x1, w1, 1, {}, "-", NPU_FAIL, bad_mode, {}},
         // in 4, kernel 3, stride 2 on both axes: the width is reported first.
@@ -124,10 +123,6 @@ TEST(ConvTranspose, Infershape) {
          "", {1, 1, 7, 8}},
         // Without kernel_shape the filters' width is the kernel height.
         {"kernel axes crossed", x1, {1, 1, 2, 3}, 1, {}, "NOTSET", NPU_OK, "", {1, 1, 4, 3}},
-        {"kernel_shape given", x1, {1, 1, 2, 3}, 1, {{"kernel_shape", {2, 3}}}, "NOTSET", NPU_OK, "", {1, 1, 3, 4}},
-        {"group multiplies the filters' channels", {2, 4, 2, 2}, {4, 3, 1, 1}, 2, {}, "NOTSET", NPU_OK, "",
-         {2, 6, 2, 2}},
-        {"explicit pads", x33, w33, 1, {{"pads", {1, 0, 2, 1}}}, "NOTSET", NPU_OK, "", {1, 1, 2, 4}},
         {"SAME_LOWER pads the totals", x33, w33, 1, {{"strides", {2, 2}}}, "SAME_LOWER", NPU_OK, "", {1, 1, 6, 6}},
     };
     for (const auto &c : cases) {
