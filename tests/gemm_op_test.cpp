@@ -4,12 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdint>
 #include <cstring>
-#include <string>
-#include <vector>
 
-#include "npucpu.h"
 #include "test_util.h"
 
 using namespace npucpu_test;
@@ -26,6 +22,8 @@ const std::vector<float> kB = {1, 0, 2, -1, 0, 1, 1, 2, 3, 1, 0, 1};
 const std::vector<float> kBt = {1, 0, 3, 0, 1, 1, 2, 1, 0, -1, 2, 1};
 const std::vector<float> kAB = {10, 5, 4, 6, 22, 11, 13, 12};
 
+uint32_t attr_count(int64_t trans_a, int64_t trans_b) { return (trans_a != kAbsent) + (trans_b != kAbsent); }
+
 // Gives the transposition attributes that are not kAbsent; returns the
 // next free attribute index.
 uint32_t set_trans(Ctx &c, int64_t trans_a, int64_t trans_b) {
@@ -35,18 +33,16 @@ uint32_t set_trans(Ctx &c, int64_t trans_a, int64_t trans_b) {
     return attr;
 }
 
-uint32_t attr_count(int64_t trans_a, int64_t trans_b) {
-    return (trans_a != kAbsent ? 1 : 0) + (trans_b != kAbsent ? 1 : 0);
+// Runs fn, returning its stderr with line numbers masked; stdout is dropped.
+std::string quiet(const std::function<void()> &fn) {
+    std::string err;
+    capture_stdout([&] { err = capture_stderr(fn); });
+    return mask_error_lines(err);
 }
 
 TEST(GemmOp, ShapeRule) {
-    struct Case {
-        std::vector<uint32_t> a, b;
-        int64_t trans_a, trans_b;
-        uint32_t status;
-        std::vector<uint32_t> out;
-        std::string err;
-    };
+    struct Case { std::vector<uint32_t> a, b; int64_t trans_a, trans_b; uint32_t status; std::vector<uint32_t> out;
+                  std::string err; };
     const std::string pre = "[E] [custom] [gemm_ops_impl:L] ";
     const std::vector<Case> cases = {
         {{2, 3}, {3, 4}, kAbsent, kAbsent, NPU_OK, {2, 4}, ""},
@@ -71,10 +67,8 @@ TEST(GemmOp, ShapeRule) {
         c.input(1, shape_of(k.b), buf.data(), 4);
         set_trans(c, k.trans_a, k.trans_b);
         uint32_t status = 0;
-        std::string err;
-        capture_stdout([&] { err = capture_stderr([&] { status = gemm_infershape(c.h); }); });
+        EXPECT_EQ(quiet([&] { status = gemm_infershape(c.h); }), k.err);
         EXPECT_EQ(status, k.status);
-        EXPECT_EQ(mask_error_lines(err), k.err);
         if (k.status != NPU_OK) continue;
         EXPECT_EQ(dims_of(c.output_shape(0)), k.out);
         EXPECT_EQ(c.h->outputs[0].dtype, static_cast<uint32_t>(NPU_DTYPE_INT32));
@@ -83,14 +77,9 @@ TEST(GemmOp, ShapeRule) {
 }
 
 TEST(GemmOp, CheckSupportedLooksAtAAndBOnly) {
-    struct Case {
-        uint32_t a, b, c, supported;
-    } cases[] = {
-        {NPU_DTYPE_FLOAT32, NPU_DTYPE_FLOAT32, NPU_DTYPE_INT32, 1},
-        {NPU_DTYPE_INT32, NPU_DTYPE_FLOAT32, NPU_DTYPE_FLOAT32, 0},
-        {NPU_DTYPE_FLOAT32, NPU_DTYPE_FLOAT64, NPU_DTYPE_FLOAT32, 0},
-    };
-    for (const Case &k : cases) {
+    const uint32_t F = NPU_DTYPE_FLOAT32, I = NPU_DTYPE_INT32;
+    const struct { uint32_t a, b, c, supported; } cases[] = {{F, F, I, 1}, {I, F, F, 0}, {F, NPU_DTYPE_FLOAT64, F, 0}};
+    for (const auto &k : cases) {
         Ctx c(3, 1);
         float buf[1] = {};
         c.input(0, shape_of({1, 1}), buf, 4, k.a);
@@ -101,18 +90,9 @@ TEST(GemmOp, CheckSupportedLooksAtAAndBOnly) {
 }
 
 TEST(GemmOp, Product) {
-    struct Case {
-        const char *name;
-        std::vector<uint32_t> a_dims;
-        std::vector<float> a;
-        std::vector<uint32_t> b_dims;
-        std::vector<float> b;
-        int64_t trans_a, trans_b;
-        bool has_bias;
-        std::vector<uint32_t> c_dims;
-        std::vector<float> c;
-        std::vector<float> want;
-    };
+    struct Case { const char *name; std::vector<uint32_t> a_dims; std::vector<float> a; std::vector<uint32_t> b_dims;
+                  std::vector<float> b; int64_t trans_a, trans_b; bool has_bias; std::vector<uint32_t> c_dims;
+                  std::vector<float> c, want; };
     const std::vector<float> rows = {110, 205, 304, 406, 122, 211, 313, 412};
     const std::vector<float> cols = {1010, 1005, 1004, 1006, 2022, 2011, 2013, 2012};
     const std::vector<float> plus7 = {17, 12, 11, 13, 29, 18, 20, 19};
@@ -146,89 +126,60 @@ TEST(GemmOp, Product) {
         capture_stdout([&] { status = gemm_infershape(c.h); });
         ASSERT_EQ(status, NPU_OK);
         std::vector<float> &out = c.alloc_output(0, kSentinel);  // compute clears it first
-        std::string err;
-        capture_stdout([&] { err = capture_stderr([&] { status = gemm_compute(c.h); }); });
+        EXPECT_EQ(quiet([&] { status = gemm_compute(c.h); }), "");
         EXPECT_EQ(status, NPU_OK);
-        EXPECT_EQ(err, "");
-        ASSERT_EQ(out.size(), k.want.size());
-        EXPECT_EQ(0, std::memcmp(out.data(), k.want.data(), 4 * out.size()))
-            << ::testing::PrintToString(out);
+        expect_bits(k.want, out);
     }
 }
 
 // Compute on configurations a host following the protocol never passes:
 // absent or short buffers, an operand that cannot be transposed, and output
-// layouts other than the matrix one.
+// layouts other than the matrix one. A is [2, 3] (or [3, 2] with transA),
+// B [3, 4], the bias [4] of zeros; `input` is then given again as `dims`
+// with a null or `len`-byte buffer. The output buffer holds 8 floats.
 TEST(GemmOp, ComputeOutsideTheProtocol) {
-    enum Change { kNullA, kNullB, kNullOut, kNullBias, kShortBias, kShortA, kShortAT, kShortOut,
-                  kVectorAT, kLayoutNHWC, kConvMode, kConvModeNHWC };
-    struct Case {
-        const char *name;
-        Change change;
-        uint32_t status;
-        std::string err;
-        std::vector<float> want;  // the whole output buffer afterwards
-    };
+    const uint32_t M = NPU_FORMAT_MATRIX, C = NPU_FORMAT_NCHW, H = NPU_FORMAT_NHWC, ARG = NPU_ERR_INVALID_ARG;
     const std::string pre = "[E] [custom] [gemm_ops_impl:L] ";
-    const std::vector<float> untouched(8, kSentinel);
-    const std::vector<float> zeros(8, 0.0f);
+    const std::vector<float> untouched(8, kSentinel), zeros(8, 0.0f);
     const std::vector<float> leading = {10, 5, 4, 6, 22, kSentinel, kSentinel, kSentinel};
-    const std::vector<Case> cases = {
-        {"null A", kNullA, NPU_ERR_INVALID_ARG, "", untouched},
-        {"null B", kNullB, NPU_ERR_INVALID_ARG, "", untouched},
-        {"null output", kNullOut, NPU_ERR_INVALID_ARG, "", untouched},
-        {"null bias", kNullBias, NPU_ERR_INVALID_ARG, "", untouched},
-        {"short bias", kShortBias, NPU_ERR_INVALID_ARG, "", untouched},
-        {"short A", kShortA, NPU_ERR_INVALID_ARG, "", untouched},
-        {"short A, transposed", kShortAT, NPU_ERR_INVALID_ARG, "", untouched},
-        {"short output", kShortOut, NPU_OK, "", leading},
-        {"vector A, transposed", kVectorAT, NPU_ERR_UNSUPPORTED, pre + "Transpose failed! \n", zeros},
-        {"output layout 1", kLayoutNHWC, NPU_ERR_UNSUPPORTED, pre + "Gemm CPU calc error! \n", zeros},
+    // input -1: none given again; y_len 0: a null output; want: the whole output buffer afterwards.
+    const struct { const char *name; bool trans_a; int input; std::vector<uint32_t> dims; bool null; uint64_t len;
+                   uint32_t y_format, y_len, operand_format, status; std::string err; std::vector<float> want; } cases[] = {
+        {"null A", 0, 0, {2, 3}, 1, 24, M, 32, C, ARG, "", untouched},
+        {"null B", 0, 1, {3, 4}, 1, 48, M, 32, C, ARG, "", untouched},
+        {"null output", 0, -1, {}, 0, 0, M, 0, C, ARG, "", untouched},
+        {"null bias", 0, 2, {4}, 1, 16, M, 32, C, ARG, "", untouched},
+        {"short bias", 0, 2, {4}, 0, 12, M, 32, C, ARG, "", untouched},
+        {"short A", 0, 0, {2, 3}, 0, 20, M, 32, C, ARG, "", untouched},
+        {"short A, transposed", 1, 0, {3, 2}, 0, 20, M, 32, C, ARG, "", untouched},
+        {"short output", 0, -1, {}, 0, 0, M, 20, C, NPU_OK, "", leading},
+        {"vector A, transposed", 1, 0, {6}, 0, 24, M, 32, C, NPU_ERR_UNSUPPORTED, pre + "Transpose failed! \n", zeros},
+        {"output layout 1", 0, -1, {}, 0, 0, H, 32, C, NPU_ERR_UNSUPPORTED, pre + "Gemm CPU calc error! \n", zeros},
         // Layout 0 runs the convolution mode, which finds no rows in 2-D
         // operands of layout 0 ...
-        {"output layout 0", kConvMode, NPU_OK, "", zeros},
+        {"output layout 0", 0, -1, {}, 0, 0, C, 32, C, NPU_OK, "", zeros},
         // ... but with operands of layout 1 would write K times the output.
-        {"output layout 0, operands 1", kConvModeNHWC, NPU_ERR_INVALID_ARG, "", untouched},
+        {"output layout 0, operands 1", 0, -1, {}, 0, 0, C, 32, H, ARG, "", untouched},
     };
-    for (const Case &k : cases) {
+    for (const auto &k : cases) {
         SCOPED_TRACE(k.name);
         Ctx c(3, 1, 1);
-        std::vector<float> a = kA, at = kAt, b = kB, bias = {0, 0, 0, 0};
-        const uint32_t a_format = k.change == kConvModeNHWC ? NPU_FORMAT_NHWC : NPU_FORMAT_NCHW;
-        c.input(1, shape_of({3, 4}), b.data(), 4 * b.size(), NPU_DTYPE_FLOAT32, a_format);
-        c.input(2, shape_of({4}), bias.data(), 4 * bias.size());
-        if (k.change == kShortAT || k.change == kVectorAT) {
-            c.attr_int(0, "transA", 1);
-            c.input(0, shape_of({3, 2}), at.data(), 4 * at.size());
-        } else {
-            c.attr_int(0, "transB", 0);
-            c.input(0, shape_of({2, 3}), a.data(), 4 * a.size(), NPU_DTYPE_FLOAT32, a_format);
-        }
+        std::vector<float> a = k.trans_a ? kAt : kA, b = kB, bias = {0, 0, 0, 0}, out(8, kSentinel);
+        c.attr_int(0, k.trans_a ? "transA" : "transB", k.trans_a);
+        c.input(0, shape_of(k.trans_a ? std::vector<uint32_t>{3, 2} : std::vector<uint32_t>{2, 3}), a.data(), 24,
+                NPU_DTYPE_FLOAT32, k.operand_format);
+        c.input(1, shape_of({3, 4}), b.data(), 48, NPU_DTYPE_FLOAT32, k.operand_format);
+        c.input(2, shape_of({4}), bias);
         uint32_t status = 0;
         capture_stdout([&] { status = gemm_infershape(c.h); });
         ASSERT_EQ(status, NPU_OK);
-        std::vector<float> out(8, kSentinel);
         const TensorShape y = shape_of({2, 4});
-        uint32_t y_format = NPU_FORMAT_MATRIX;
-        if (k.change == kLayoutNHWC) y_format = NPU_FORMAT_NHWC;
-        if (k.change == kConvMode || k.change == kConvModeNHWC) y_format = NPU_FORMAT_NCHW;
-        qv_kel_custom_set_output_by_index(c.h, 0, NPU_DTYPE_FLOAT32, y_format, &y,
-                                          k.change == kNullOut ? nullptr : out.data(),
-                                          k.change == kShortOut ? 20 : 32);
-        switch (k.change) {
-            case kNullA: c.input(0, shape_of({2, 3}), nullptr, 24); break;
-            case kNullB: c.input(1, shape_of({3, 4}), nullptr, 48); break;
-            case kNullBias: c.input(2, shape_of({4}), nullptr, 16); break;
-            case kShortBias: c.input(2, shape_of({4}), bias.data(), 12); break;
-            case kShortA: c.input(0, shape_of({2, 3}), a.data(), 20); break;
-            case kShortAT: c.input(0, shape_of({3, 2}), at.data(), 20); break;
-            case kVectorAT: c.input(0, shape_of({6}), at.data(), 24); break;
-            default: break;
-        }
-        std::string err;
-        capture_stdout([&] { err = capture_stderr([&] { status = gemm_compute(c.h); }); });
+        qv_kel_custom_set_output_by_index(c.h, 0, NPU_DTYPE_FLOAT32, k.y_format, &y, k.y_len ? out.data() : nullptr,
+                                          k.y_len ? k.y_len : 32);
+        float *bufs[3] = {a.data(), b.data(), bias.data()};
+        if (k.input >= 0) c.input(k.input, shape_of(k.dims), k.null ? nullptr : bufs[k.input], k.len);
+        EXPECT_EQ(quiet([&] { status = gemm_compute(c.h); }), k.err);
         EXPECT_EQ(status, k.status);
-        EXPECT_EQ(mask_error_lines(err), k.err);
         EXPECT_EQ(out, k.want);
     }
 }
