@@ -21,11 +21,7 @@ TEST(Accessors, NullHandleAndIndexOutOfRange) {
     char name[8];
     int d = 0;
     const uint64_t A = NPU_ERR_INVALID_ARG;
-    struct Case {
-        const char *func;
-        std::function<uint64_t(OperatorContext *, uint32_t)> call;
-        uint64_t fail;
-    };
+    struct Case { const char *func; std::function<uint64_t(OperatorContext *, uint32_t)> call; uint64_t fail; };
 #define ACC(fn, args, fail) Case{"qv_kel_custom_" #fn, [&](OperatorContext *h, uint32_t i) { return widen(qv_kel_custom_##fn args); }, fail}
     const Case cases[] = {
         ACC(get_input_shape_by_index, (h, i, &s), A),     ACC(get_output_shape_by_index, (h, i, &s), A),

@@ -52,11 +52,7 @@ TEST(Attributes, TypedGetters) {
     uint32_t t = 42;
     char s[4] = "abc";
     // Each getter is run on the attribute named `wrong` and on a null record.
-    struct Case {
-        const char *func;
-        std::function<uint32_t(const AttrRecord *)> call;
-        const char *wrong, *message;
-    };
+    struct Case { const char *func; std::function<uint32_t(const AttrRecord *)> call; const char *wrong, *message; };
 #define GET(fn, args, wrong, message) Case{"qv_kel_custom_" #fn, [&](const AttrRecord *a) { return qv_kel_custom_##fn args; }, wrong, message}
     const Case cases[] = {
         GET(get_attr_int, (a, &i), "f", "attr dtype [2] is not int"),

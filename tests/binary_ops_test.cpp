@@ -21,7 +21,9 @@ const BinaryOp kOps[] = {
     {"div", div_infershape, div_check_supported, div_compute, [](float a, float b) { return a / b; }},
 };
 
-TEST(BinaryOps, ShapeRule) {
+// Shapes, input counts, and check_supported (two float inputs).
+TEST(BinaryOps, InfershapeAndCheckSupported) {
+    const struct { uint32_t d0, d1, expect; } types[] = {{0, 0, 1}, {4, 0, 0}, {0, 4, 0}, {1, 1, 0}};
     const struct { std::vector<uint32_t> a, b, out; } cases[] = {
         {{2, 3}, {3}, {2, 3}}, {{4, 1}, {1, 5}, {4, 5}}, {{2, 3}, {2, 4}, {2, 4}}, {{3}, {2, 3}, {2, 3}},
         {{}, {}, {}}, {{}, {2, 5}, {2, 5}}, {{4, 2, 3}, {}, {4, 2, 3}},
@@ -48,18 +50,12 @@ TEST(BinaryOps, ShapeRule) {
             EXPECT_EQ(mask_error_lines(err),
                       std::string("[E] [custom] [") + op.name + "_ops_impl:L] " + op.name + " only support 2 inputs \n");
         }
-    }
-}
-
-TEST(BinaryOps, CheckSupportedNeedsTwoFloatInputs) {
-    const struct { uint32_t d0, d1, expect; } cases[] = {{0, 0, 1}, {4, 0, 0}, {0, 4, 0}, {1, 1, 0}};
-    for (const BinaryOp &op : kOps) {
-        for (const auto &k : cases) {
+        for (const auto &k : types) {
             Ctx c(2, 1);
             float buf[1];
             c.input(0, shape_of({1}), buf, 4, k.d0);
             c.input(1, shape_of({1}), buf, 4, k.d1);
-            EXPECT_EQ(op.check_supported(c.h), k.expect);
+            EXPECT_EQ(op.check_supported(c.h), k.expect) << op.name;
         }
     }
 }

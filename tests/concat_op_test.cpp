@@ -16,16 +16,9 @@ constexpr uint32_t OK = NPU_OK, ARG = NPU_ERR_INVALID_ARG;
 // the output is untouched; compute prints nothing either way.
 TEST(ConcatOp, Table) {
     const std::vector<float> k6 = {0, 1, 2, 3, 4, 5}, k6b = {6, 7, 8, 9, 10, 11};
-    const struct {
-        const char *name;
-        std::vector<std::pair<std::vector<uint32_t>, std::vector<float>>> inputs;
-        int64_t axis;
-        uint32_t infer_status, compute_status;
-        std::vector<uint32_t> out_dims;
-        std::vector<float> expected;
-        int64_t out_floats = -1;
-        int null = -1;
-    } cases[] = {
+    const struct { const char *name; std::vector<std::pair<std::vector<uint32_t>, std::vector<float>>> inputs;
+                   int64_t axis; uint32_t infer_status, compute_status; std::vector<uint32_t> out_dims;
+                   std::vector<float> expected; int64_t out_floats = -1; int null = -1; } cases[] = {
         {"axis 0 appends rows", {{{2, 3}, k6}, {{2, 3}, k6b}}, 0, OK, OK, {4, 3}, {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11}},
         {"default axis interleaves rows", {{{2, 3}, k6}, {{2, 3}, k6b}}, kNoAxis, OK, OK, {2, 6},
          {0, 1, 2, 6, 7, 8, 3, 4, 5, 9, 10, 11}},

@@ -24,11 +24,7 @@ TEST(Context, NullHandleMessagesAndStatuses) {
     TensorShape s = shape_of({2});
     float buf[2];
     const uint32_t ARG = NPU_ERR_INVALID_ARG;
-    struct Case {
-        const char *func;
-        std::function<uint32_t()> call;
-        uint32_t status;
-    };
+    struct Case { const char *func; std::function<uint32_t()> call; uint32_t status; };
 #define SET(fn, args, status) Case{"qv_kel_custom_" #fn, [&] { return qv_kel_custom_##fn args; }, status}
     const Case cases[] = {
         SET(set_inputs_num, (nullptr, 1), ARG), SET(set_outputs_num, (nullptr, 1), ARG),

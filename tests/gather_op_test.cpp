@@ -56,16 +56,9 @@ TEST(GatherOp, ShapeRule) {
 // `expected` means the output is untouched.
 TEST(GatherOp, Compute) {
     const uint32_t ARG = NPU_ERR_INVALID_ARG;
-    const struct {
-        const char *name;
-        std::vector<uint32_t> data_dims, index_dims;
-        std::vector<int64_t> indices;
-        uint32_t index_dtype;
-        int64_t axis;
-        uint32_t status;
-        std::vector<float> expected;
-        int null = -1, shorten = -1;
-    } cases[] = {
+    const struct { const char *name; std::vector<uint32_t> data_dims, index_dims; std::vector<int64_t> indices;
+                   uint32_t index_dtype; int64_t axis; uint32_t status; std::vector<float> expected;
+                   int null = -1, shorten = -1; } cases[] = {
         {"negative index on axis 0", {2, 2}, {2}, {-1, 0}, I32, 0, NPU_OK, {3, 4, 1, 2}},
         {"64-bit indices on axis 1", {2, 3}, {2}, {2, 0}, I64, 1, NPU_OK, {3, 1, 6, 4}},
         {"scalar index", {2, 3}, {1}, {1}, I64, -1, NPU_OK, {2, 5}},

@@ -19,16 +19,8 @@ const uint32_t F32 = NPU_DTYPE_FLOAT32, I32 = NPU_DTYPE_INT32;
 // and what compute did not write keeps the sentinel.
 TEST(Range, Compute) {
     const int32_t big = 16777216;  // 2^24: adding 1 in float no longer changes it
-    const struct {
-        const char *name;
-        uint32_t dtype;
-        double start, limit, delta;
-        size_t out_elems;
-        uint32_t status;
-        std::vector<double> written;
-        int null = -1;
-        uint64_t limit_len = 4;
-    } cases[] = {
+    const struct { const char *name; uint32_t dtype; double start, limit, delta; size_t out_elems; uint32_t status;
+                   std::vector<double> written; int null = -1; uint64_t limit_len = 4; } cases[] = {
         {"running sum of 0.3", F32, 0, 1, 0.3f, 6, NPU_OK, {0.0f, 0.3f, 0.6f, 0.90000004f}},
         {"running sum of 0.1 drifts from i * 0.1", F32, 0, 1, 0.1f, 12, NPU_OK,
          {0x0p+0f, 0x1.99999ap-4f, 0x1.99999ap-3f, 0x1.333334p-2f, 0x1.99999ap-2f, 0x1p-1f, 0x1.333334p-1f,
@@ -78,14 +70,8 @@ TEST(Range, Compute) {
 
 TEST(Range, Infershape) {
     const std::string msg = "[E] [custom] [range_ops_impl:L] range only support 1 inputs \n";
-    const struct {
-        const char *name;
-        uint32_t inputs;
-        std::vector<uint32_t> start_dims;
-        uint32_t dtype, status;
-        std::string err;
-        std::vector<uint32_t> out_dims;
-    } cases[] = {
+    const struct { const char *name; uint32_t inputs; std::vector<uint32_t> start_dims; uint32_t dtype, status;
+                   std::string err; std::vector<uint32_t> out_dims; } cases[] = {
         {"scalar of rank 1", 3, {1}, F32, NPU_OK, "", {65535}},
         {"rank 2: dims after the first are 0", 3, {1, 1}, I32, NPU_OK, "", {65535, 0}},
         {"one input", 1, {1}, F32, NPU_ERR_INPUT_NUM, msg, {}},

@@ -14,18 +14,12 @@ const std::string kAxesErr = "[E] [custom] [slice_ops_impl:L] slice param axes[0
 
 // Data holds 0, 1, 2, ...; input 3 (axes) has a null buffer when `axes` is
 // empty. `cut`: 0 the data buffer 4 bytes short, 1 or 2 the starts or ends
-// buffer one entry short, 3 a null output.
+// buffer one entry short, 3 a null output. An empty `expected` means the
+// output is untouched; `err` is infershape's, compute prints nothing more.
 TEST(SliceOp, Table) {
-    const struct {
-        const char *name;
-        std::vector<uint32_t> dims;
-        std::vector<int64_t> starts, ends, axes, steps;
-        uint32_t inputs, infer_status, compute_status;
-        std::vector<uint32_t> out_dims;
-        std::vector<float> expected;  // empty: output untouched
-        std::string err = "";         // of infershape; compute prints nothing more
-        int cut = -1;
-    } cases[] = {
+    const struct { const char *name; std::vector<uint32_t> dims; std::vector<int64_t> starts, ends, axes, steps;
+                   uint32_t inputs, infer_status, compute_status; std::vector<uint32_t> out_dims;
+                   std::vector<float> expected; std::string err = ""; int cut = -1; } cases[] = {
         {"negative start", {10}, {-3}, {10}, {}, {}, 3, OK, OK, {3}, {7, 8, 9}},
         {"reverse with end below the axis", {5}, {4}, {-6}, {}, {-1}, 5, OK, OK, {5}, {4, 3, 2, 1, 0}},
         {"start past the axis with a negative step", {5}, {10}, {-10}, {}, {-1}, 5, OK, OK, {5}, {4, 3, 2, 1, 0}},

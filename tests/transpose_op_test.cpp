@@ -29,15 +29,9 @@ std::vector<float> permuted_iota(const std::vector<uint32_t> &in, const std::vec
 // `effective` is the permutation applied. `out_delta` changes the output
 // buffer's length in bytes; `null` 0 or 1 makes the input or output null.
 TEST(TransposeOp, Table) {
-    const struct {
-        std::vector<uint32_t> dims;
-        bool has_perm;
-        std::vector<int64_t> perm;
-        uint32_t infer_status, compute_status;
-        std::vector<uint32_t> effective;
-        int64_t out_delta = 0;
-        int null = -1;
-    } cases[] = {
+    const struct { std::vector<uint32_t> dims; bool has_perm; std::vector<int64_t> perm;
+                   uint32_t infer_status, compute_status; std::vector<uint32_t> effective; int64_t out_delta = 0;
+                   int null = -1; } cases[] = {
         {{2, 3, 4}, false, {}, OK, OK, {2, 1, 0}},        {{1, 2, 3}, true, {0, 2, 1}, OK, OK, {0, 2, 1}},
         {{2, 3}, true, {1, 0}, OK, OK, {1, 0}},            {{5}, false, {}, OK, OK, {0}},
         {{2, 3, 4, 5}, true, {0, 2, 3, 1}, OK, OK, {0, 2, 3, 1}}, {{3, 1, 2, 2}, false, {}, OK, OK, {3, 2, 1, 0}},
