@@ -1,5 +1,4 @@
-// Per-index getters and setters: range checks, width strides, batch buffers
-// and output names.
+// Per-index getters and setters: range checks, strides, batches, output names.
 #include <gtest/gtest.h>
 
 #include "test_util.h"

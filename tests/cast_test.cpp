@@ -1,5 +1,4 @@
-// cast: the "to" mapping, the conversions of every source family, the refused
-// and unconverted types, and the buffer lengths.
+// cast: the "to" mapping, the conversions of each source family, buffer lengths.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,4 @@
-// pow, prelu, ceil/floor/relu/sqrt, sum/mean and expand: shape rules, messages,
-// length checks and element results that are easy to get wrong.
+// pow, prelu, ceil/floor/relu/sqrt, sum/mean and expand: shapes, results, guards.
 #include <gtest/gtest.h>
 
 #include <cmath>

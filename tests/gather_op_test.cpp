@@ -1,5 +1,4 @@
-// gather operator: the output shape rule with its messages, and compute on 32-
-// and 64-bit indices with its buffer guards.
+// gather operator: the shape rule and its messages, compute and its guards.
 #include <gtest/gtest.h>
 
 #include "test_util.h"

@@ -1,6 +1,4 @@
-// Pad: the three modes (a single reflection, then the constant), cropping, the
-// empty result, the refusals of shape inference and check_supported, and the
-// guards of the element loop.
+// Pad: the three modes, cropping, the empty result, refusals and loop guards.
 #include <gtest/gtest.h>
 
 #include "test_util.h"

@@ -1,5 +1,4 @@
-// Range: sequences built by running float sums (for integer data too), the
-// fixed declared capacity, and the refusals of malformed calls.
+// Range: running float sums (integer data too), the fixed capacity, refusals.
 #include <gtest/gtest.h>
 
 #include <cmath>

@@ -1,5 +1,4 @@
-// slice operator: parameter normalisation, placement by axes, steps, and the
-// refusals of both stages.
+// slice operator: normalised parameters, axes, steps, refusals of both stages.
 #include <gtest/gtest.h>
 
 #include "test_util.h"

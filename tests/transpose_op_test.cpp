@@ -1,5 +1,4 @@
-// transpose operator: default and given permutations against a reference
-// permute, the permutation checks, and the buffer length check.
+// transpose operator: permutations against a reference permute, and refusals.
 #include <gtest/gtest.h>
 
 #include "test_util.h"
