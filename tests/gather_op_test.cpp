@@ -15,13 +15,11 @@ TEST(GatherOp, ShapeRule) {
     std::vector<uint32_t> rank16(16, 1), rank16_axis3 = rank16;
     rank16_axis3[3] = 2;
     const struct { std::vector<uint32_t> data, indices; int64_t axis; uint32_t status; std::vector<uint32_t> out; std::string err; } cases[] = {
-        {{3, 4}, {2}, 0, NPU_OK, {2, 4}, ""},
-        {{3, 4}, {2}, 1, NPU_OK, {3, 2}, ""},
+        {{3, 4}, {2}, 0, NPU_OK, {2, 4}, ""},  {{3, 4}, {2}, 1, NPU_OK, {3, 2}, ""}, {{3, 4}, {2, 2}, -1, NPU_OK, {3, 2, 2}, ""},
         {{3, 4}, {1}, 0, NPU_OK, {4}, ""},           // [1] is a scalar index
         {{3, 4}, {1, 1}, 0, NPU_OK, {1, 1, 4}, ""},  // [1, 1] is not
         {{3, 4}, {}, 1, NPU_OK, {3}, ""},            // rank-0 indices add no dim
         {{5}, {1}, 0, NPU_OK, {1}, ""},              // rank 0 becomes [1]
-        {{3, 4}, {2, 2}, -1, NPU_OK, {3, 2, 2}, ""},
         {{3, 4}, {2}, 2, NPU_ERR_INPUT_NUM, {}, kAxisErr + "2, accepted range is [-2, 1] \n"},
         {{3, 4}, {2}, -3, NPU_ERR_INPUT_NUM, {}, kAxisErr + "-3, accepted range is [-2, 1] \n"},
         {{}, {2}, 0, NPU_ERR_INPUT_NUM, {}, kAxisErr + "0, accepted range is [0, -1] \n"},
