@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <algorithm>
 #include <functional>
@@ -99,9 +100,12 @@ void expect_same(const std::string &what, const std::function<Outputs()> &call) 
         }
     }
 }
-// Allocates every output from infershape (with a fill pattern), runs compute.
+// Allocates every output from infershape (with a fill pattern and four
+// bytes past the buffer that must stay untouched), runs compute. `resize`
+// maps the inferred byte count to the buffer's (short or long buffers).
 Outputs run_op(Ctx &c, uint32_t outputs, uint32_t (*infer)(OperatorContext *),
-               uint32_t (*compute)(OperatorContext *)) {
+               uint32_t (*compute)(OperatorContext *),
+               const std::function<int64_t(int64_t)> &resize = [](int64_t b) { return b; }) {
     Outputs r;
     r.status = infer(c.h);
     if (r.status != NPU_OK) return r;
@@ -111,11 +115,26 @@ Outputs run_op(Ctx &c, uint32_t outputs, uint32_t (*infer)(OperatorContext *),
         uint32_t dtype = 0;
         qv_kel_custom_get_output_shape_by_index(c.h, i, &s);
         qv_kel_custom_get_output_dtype_by_index(c.h, i, &dtype);
-        r.bytes[i].assign(static_cast<size_t>(GetElemSize(&s)) * get_dtype_size(dtype) + 4, '\x5a');
-        qv_kel_custom_set_output_buf_by_index(c.h, i, r.bytes[i].data(), r.bytes[i].size() - 4);
+        const int64_t len = std::max<int64_t>(0, resize(int64_t{GetElemSize(&s)} * get_dtype_size(dtype)));
+        r.bytes[i].assign(static_cast<size_t>(len) + 4, '\x5a');
+        qv_kel_custom_set_output_buf_by_index(c.h, i, r.bytes[i].data(), static_cast<uint64_t>(len));
     }
     r.status = compute(c.h);
     return r;
+}
+
+// Distinct bit patterns, a share of them special (NaN payloads, infinities,
+// signed zeros, subnormals), so that a misplaced element shows.
+std::vector<float> pattern_floats(size_t n, uint32_t seed) {
+    static const uint32_t kSpecial[] = {0x00000000u, 0x80000000u, 0x7fc00001u, 0xffc12345u, 0x7f800001u,
+                                        0x7f800000u, 0xff800000u, 0x00000001u, 0x80000001u, 0x7f7fffffu};
+    std::mt19937 rng(seed);
+    std::vector<float> v(n);
+    for (size_t i = 0; i < n; ++i) {
+        const uint32_t b = (rng() % 5 == 0) ? kSpecial[rng() % 10] : 0x3f800000u + static_cast<uint32_t>(i) * 7u;
+        std::memcpy(&v[i], &b, 4);
+    }
+    return v;
 }
 
 // ---- Pooling ----------------------------------------------------------------
@@ -640,6 +659,190 @@ TEST_F(MemoryFast, NmsMatchesLiteral) {
             c.input(4, shape_of({1}), &score_thr, 4);
             c.attr_int(0, "center_point_box", centre);
             return run_op(c, 1, nms_infershape, nms_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
+// ---- Broadcast kernel and expand ----------------------------------------------
+
+// broadcast() itself, for the shapes expand, pow, prelu, sum and mean give it.
+void expect_broadcast_same(const std::vector<uint32_t> &in, const std::vector<uint32_t> &out, uint32_t seed) {
+    const TensorShape si = shape_of(in), so = shape_of(out);
+    const std::vector<float> x = pattern_floats(std::max<size_t>(1, GetElemSize(&si)), seed);
+    const size_t bytes = std::max<size_t>(1, GetElemSize(&so)) * sizeof(float);
+    expect_same("broadcast seed " + std::to_string(seed), [&] {
+        Outputs r;
+        float *p = broadcast(&si, NPU_DTYPE_FLOAT32, x.data(), &so);
+        r.bytes.emplace_back(reinterpret_cast<char *>(p), reinterpret_cast<char *>(p) + bytes);
+        std::free(p);
+        return r;
+    });
+}
+
+// Random output shapes of rank 0-5; the input takes, per aligned axis, 1 or
+// the output dim (or, every fourth case, sometimes another size, which keeps
+// the wrapping walk), and may have fewer or more leading axes.
+TEST_F(MemoryFast, BroadcastMatchesLiteral) {
+    std::mt19937 rng(13);
+    static const uint32_t kDims[] = {1, 1, 2, 3, 4, 5, 7, 16};
+    for (int t = 0; t < 3000 / kScale; ++t) {
+        const bool mismatch = t % 4 == 3;
+        const uint32_t R = rng() % 6, in_rank = rng() % (R + 2);
+        std::vector<uint32_t> out(R), in(in_rank);
+        for (auto &d : out) d = kDims[rng() % 8];
+        for (uint32_t k = 0; k < in_rank; ++k) {
+            const int32_t ok = static_cast<int32_t>(k + R) - static_cast<int32_t>(in_rank);
+            in[k] = ok < 0 ? 1 + rng() % 3 : (mismatch && rng() % 3 == 0) ? 1 + rng() % 6 : (rng() % 2) ? out[ok] : 1;
+        }
+        expect_broadcast_same(in, out, static_cast<uint32_t>(t));
+        if (HasFatalFailure()) return;
+    }
+    // Hand-picked: the channel bias, rows and columns, size-1 output axes,
+    // empty tensors and mismatched dims (which wrap).
+    const std::vector<std::vector<uint32_t>> table[] = {
+        {{64, 1, 1}, {1, 64, 28, 28}}, {{1, 64, 1, 1}, {2, 64, 9, 9}}, {{5}, {3, 4, 5}}, {{3, 1}, {3, 4}},
+        {{1, 4}, {3, 4}}, {{}, {2, 3}}, {{7}, {}}, {{2, 3}, {2, 3}}, {{2, 1, 3}, {2, 1, 3}}, {{1, 1}, {1, 1, 1}},
+        {{4, 2, 3}, {2, 3}}, {{0, 3}, {2, 3}}, {{3}, {2, 0, 3}}, {{2}, {3, 4}}, {{3, 2}, {3, 4}}, {{4, 3}, {2, 3}},
+        {{2, 5, 1}, {3, 4, 5, 6}},
+    };
+    uint32_t seed = 1;
+    for (const auto &c : table) expect_broadcast_same(c[0], c[1], seed++);
+}
+
+// Compatible, mismatched and empty targets, with output buffers exact,
+// longer and shorter than the shape.
+TEST_F(MemoryFast, ExpandMatchesLiteral) {
+    const std::pair<std::vector<uint32_t>, std::vector<int64_t>> cases[] = {
+        {{64, 1, 1}, {1, 64, 12, 12}}, {{3, 1}, {2, 3, 4}}, {{1, 4}, {3, 4}}, {{5}, {5}}, {{2, 3}, {4, 3}},
+        {{3, 2}, {3, 4}}, {{2, 1}, {2, 0}}, {{1}, {1, 1, 1}}, {{4, 1, 3}, {2, 4, 5, 3}}, {{2, 2}, {3, 2}},
+    };
+    uint32_t seed = 900;
+    for (const auto &[in, target] : cases) {
+        std::vector<float> x = pattern_floats(npucpu_test::count_of(in), seed++);
+        std::vector<int64_t> shape = target;
+        for (int64_t extra : {0, 12, -8}) {
+            expect_same("expand case " + std::to_string(seed) + " extra " + std::to_string(extra), [&] {
+                Ctx c(2, 1);
+                c.input(0, shape_of(in), x);
+                c.input(1, shape_of({static_cast<uint32_t>(shape.size())}), shape.data(), shape.size() * 8,
+                        NPU_DTYPE_INT64);
+                return run_op(c, 1, expand_infershape, expand_compute, [extra](int64_t b) { return b + extra + 2; });
+            });
+            if (HasFatalFailure()) return;
+        }
+    }
+}
+
+// ---- Reduce max / min, global max pooling --------------------------------------
+
+// Shapes of rank 1-4 over every axis, long contiguous slices, NaN payloads,
+// zero extremes of both signs (the first zero wins); some outputs carry extra
+// bytes, whole floats or not, which the work buffer's tail fills.
+TEST_F(MemoryFast, ReduceMaxMinMatchLiteral) {
+    std::mt19937 rng(21);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        std::vector<uint32_t> dims(rank);
+        for (auto &v : dims) v = 1 + rng() % 12;
+        if (t % 4 == 1) dims.back() = 17 + rng() % 50;
+        std::vector<float> x = pattern_floats(npucpu_test::count_of(dims), 500 + t);
+        if (t % 3 == 0) {
+            // -1 or +1 beside +-0, so that one of the two reductions ends on a zero.
+            const float other = t % 2 ? 1.0f : -1.0f;
+            for (auto &v : x) {
+                const uint32_t r = rng() % 3;
+                v = r == 0 ? other : (r == 1 ? 0.0f : -0.0f);
+            }
+        }
+        const int64_t axis = static_cast<int64_t>(rng() % rank) - (t % 2 ? static_cast<int64_t>(rank) : 0);
+        const int64_t keepdims = rng() % 2, extra = (t % 5 == 0) ? 1 + rng() % 8 : 0;
+        for (bool max : {true, false}) {
+            expect_same(std::string(max ? "reducemax" : "reducemin") + " case " + std::to_string(t), [&] {
+                Ctx c(1, 1, 2);
+                c.input(0, shape_of(dims), x);
+                c.attr_int(0, "keepdims", keepdims);
+                c.attr_ints(1, "axes", {axis});
+                return run_op(c, 1, max ? reducemax_infershape : reducemin_infershape,
+                              max ? reducemax_compute : reducemin_compute,
+                              [extra](int64_t b) { return b + extra; });
+            });
+            if (HasFatalFailure()) return;
+        }
+    }
+}
+
+// Planes of 0-40 elements (below, at and past the eight lanes) holding NaN
+// payloads, negatives, zeros, values at the start value and repeated maxima;
+// some inputs are shorter than their shape.
+TEST_F(MemoryFast, GlobalMaxPoolMatchesLiteral) {
+    std::mt19937 rng(31);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const auto pick = [&rng](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
+        const std::vector<uint32_t> dims = {1 + pick(3), 1 + pick(4), pick(6), 1 + pick(7)};
+        const size_t count = npucpu_test::count_of(dims);
+        std::vector<float> x = pattern_floats(count + 1, 700 + t);
+        if (t % 3 == 0) {
+            for (auto &v : x) v = static_cast<float>(static_cast<int>(rng() % 5) - 3);  // ties and negatives
+        }
+        if (t % 5 == 0) x[rng() % x.size()] = std::numeric_limits<float>::min();
+        const uint64_t in_len = (t % 4 == 1 ? count / 2 : count) * 4;
+        expect_same("global_maxpool case " + std::to_string(t), [&] {
+            Ctx c(1, 1);
+            c.input(0, shape_of(dims), x.data(), in_len);
+            return run_op(c, 1, global_maxpool_infershape, global_maxpool_compute);
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
+// ---- Depth to space, nonzero ----------------------------------------------------
+
+// Both modes, block sizes 2-4, with whole, short input and short output buffers.
+TEST_F(MemoryFast, DepthToSpaceMatchesLiteral) {
+    std::mt19937 rng(41);
+    for (int t = 0; t < 150 / kScale; ++t) {
+        const auto pick = [&rng](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
+        const uint32_t block = 2 + pick(3);
+        const std::vector<uint32_t> dims = {1 + pick(2), block * block * (1 + pick(3)), 1 + pick(5), 1 + pick(9)};
+        const size_t count = npucpu_test::count_of(dims);
+        std::vector<float> x = pattern_floats(count, 1100 + t);
+        const uint64_t in_len = (t % 5 == 1 ? count * 2 / 3 : count) * 4;
+        const int64_t out_delta = t % 5 == 2 ? -static_cast<int64_t>(count / 3) * 4 : 0;
+        expect_same("depth_to_space case " + std::to_string(t), [&] {
+            Ctx c(1, 1, 2);
+            c.input(0, shape_of(dims), x.data(), in_len);
+            c.attr_int(0, "blocksize", block);
+            c.attr_string(1, "mode", t % 2 ? "CRD" : "DCR");
+            return run_op(c, 1, depth_to_space_infershape, depth_to_space_compute,
+                          [out_delta](int64_t b) { return b + out_delta + 1; });
+        });
+        if (HasFatalFailure()) return;
+    }
+}
+
+// Float (NaN, signed zeros, subnormals) and int32 inputs of rank 1-4, some
+// with a zero dim, input buffers longer or shorter than the shape (the
+// coordinates wrap round) and output buffers shorter than the coordinates.
+TEST_F(MemoryFast, NonzeroMatchesLiteral) {
+    std::mt19937 rng(51);
+    for (int t = 0; t < 300 / kScale; ++t) {
+        const uint32_t rank = 1 + rng() % 4;
+        std::vector<uint32_t> dims(rank);
+        for (auto &v : dims) v = (t % 17 == 0 && rng() % 2) ? 0 : 1 + rng() % 6;
+        const size_t count = npucpu_test::count_of(dims);
+        const size_t slots = t % 3 == 1 ? count + 1 + rng() % 9 : (t % 3 == 2 ? count / 2 : count);
+        std::vector<float> x = pattern_floats(slots, 1300 + t);
+        for (auto &v : x) {
+            if (rng() % 2) v = rng() % 2 ? -0.0f : 0.0f;  // plenty of +-0 (and int 0 / INT_MIN)
+        }
+        const uint32_t dtype = t % 2 ? NPU_DTYPE_INT32 : NPU_DTYPE_FLOAT32;
+        const int64_t full = static_cast<int64_t>(rank) * static_cast<int64_t>(slots) * 8;
+        const int64_t out_len = t % 4 == 3 ? full / 3 + 5 : full;
+        expect_same("nonzero case " + std::to_string(t), [&] {
+            Ctx c(1, 1);
+            c.input(0, shape_of(dims), x.data(), slots * 4, dtype);
+            return run_op(c, 1, nonzero_infershape, nonzero_compute, [out_len](int64_t) { return out_len; });
         });
         if (HasFatalFailure()) return;
     }
