@@ -251,8 +251,8 @@ inline void store_edge(uint8_t *dst, uint32_t dtype, uint8_t b) {
 // for a padded tensor of billions of elements exhausts memory, which the
 // library does not check. So for averagepool and maxpool every `pads` value
 // stays within [0, 1024] and the padded tensor within 2^24 elements; pads
-// outside that are set to 0. Every other operator survives the decoded
-// contexts as they are.
+// outside that are set to 0; and the kernel fits the padded input. Every
+// other operator survives the decoded contexts as they are.
 inline void fix_preconditions(const Op &op, OperatorContext *h) {
     // The convolutions likewise spread and pad their input into temporaries
     // sized from strides, dilations, pads and kernel sizes: those values stay
@@ -293,6 +293,37 @@ inline void fix_preconditions(const Op &op, OperatorContext *h) {
             continue;
         }
         std::memset(a.data, 0, 8 * k);
+    }
+    // The kernel fits the padded input (a host model precondition): a larger
+    // one makes each window of the literal walk run over up to 2^32 rows of
+    // the same few elements (minutes per call). Entries outside [1, padded
+    // dim] become 1. Pads as the library reads them: the first "pads" record,
+    // ints only.
+    uint64_t pad[4] = {0, 0, 0, 0};
+    for (uint32_t i = 0; i < h->attr_num; ++i) {
+        const AttrRecord &a = h->attrs[i];
+        if (std::strcmp(a.name, "pads") != 0) continue;
+        if (a.dtype == NPU_ATTR_INTS && a.data != nullptr) {
+            for (uint64_t j = 0; j < 4 && j < a.data_len / 8; ++j) {
+                int64_t v;
+                std::memcpy(&v, static_cast<uint8_t *>(a.data) + 8 * j, 8);
+                pad[j] = uint64_t(v);
+            }
+        }
+        break;
+    }
+    const uint64_t padded[2] = {hh + pad[0] + pad[2], ww + pad[1] + pad[3]};
+    for (uint32_t i = 0; i < h->attr_num; ++i) {
+        AttrRecord &a = h->attrs[i];
+        if (std::strcmp(a.name, "kernel_shape") != 0 || a.dtype != NPU_ATTR_INTS || a.data == nullptr) continue;
+        for (uint64_t j = 0; j < 2 && j < a.data_len / 8; ++j) {
+            int64_t v;
+            std::memcpy(&v, static_cast<uint8_t *>(a.data) + 8 * j, 8);
+            if (v < 1 || uint64_t(v) > std::max<uint64_t>(1, padded[j])) {
+                v = 1;
+                std::memcpy(static_cast<uint8_t *>(a.data) + 8 * j, &v, 8);
+            }
+        }
     }
 }
 
