@@ -110,6 +110,19 @@ TEST(Img2Col, RowsFollowOutputPixelsChannelMajor) {
     }
 }
 
+// An image whose dims wrapped to 2^32 - 1 (2^64 patches, a result of one
+// element): the walk ends once no later patch can copy anything.
+TEST(Img2Col, WrappedImageDimsEndAfterTheResult) {
+    Floats image = {7.5f}, kernel(1, 0.0f);
+    Tensor ti = view({1, 1, 0xFFFFFFFFu, 0xFFFFFFFFu}, image), tk = view({1, 1, 1, 1}, kernel);
+    const uint32_t strides[2] = {1, 1};
+    Tensor *cols = img_2_col(&ti, &tk, strides);
+    ASSERT_NE(cols, nullptr);
+    ASSERT_EQ(GetElemSize(&cols->shape), 1u);
+    EXPECT_EQ(cols->data[0], 7.5f);
+    free_tensor(cols);
+}
+
 TEST(Img2Col, ElementCountBeyondInt32IsRefused) {
     Floats image(1, 0.0f), kernel(1, 0.0f);
     Tensor ti = view({0x10000, 0x8000, 1, 1}, image), tk = view({1, 1, 1, 1}, kernel);  // never read

@@ -240,22 +240,42 @@ NPU_API Tensor *img_2_col(const Tensor *image, const Tensor *kernel, const uint3
     // Guard: the patch loops stop after out_h rows and out_w columns of
     // patches (so a zero stride gives one patch instead of looping without
     // end), and each copied run is clamped to the image and to the result,
-    // whose 32-bit element count may have wrapped.
+    // whose 32-bit element count may have wrapped. They also stop where
+    // nothing more can be copied, which an image whose dims wrapped near
+    // 2^32 otherwise turned into billions of empty patches: result rows only
+    // grow (unless n x row_len x P passes 64 bits), so once a patch's row
+    // starts at or past the result's end every later one does too; inside a
+    // patch the result position only grows, and so does the image position
+    // unless the batch's last channel plane ends past 64 bits.
+    if (row_len == 0) return cols;  // patches of no element copy nothing
     const size_t image_count = GetElemSize(&image->shape);
     const size_t plane = static_cast<size_t>(W) * H;
+    size_t unused = 0;
+    const bool rows_grow = !__builtin_mul_overflow(static_cast<size_t>(N), static_cast<size_t>(row_len) * P, &unused);
     for (size_t n = 0; n < N; ++n) {
         const size_t img = n * C * plane;
         size_t row = n * static_cast<size_t>(row_len) * P;  // next result row
+        if (rows_grow && row >= count) break;
+        size_t batch_end = 0;
+        const bool sources_grow = !__builtin_mul_overflow(n * C + kC, plane, &batch_end);
         uint32_t y = 0;
-        for (uint32_t py = 0; py < out_h && static_cast<uint64_t>(y) + kH <= H; ++py, y += s_h) {
+        for (uint32_t py = 0; py < out_h && static_cast<uint64_t>(y) + kH <= H && !(rows_grow && row >= count);
+             ++py, y += s_h) {
             uint32_t x = 0;
-            for (uint32_t px = 0; px < out_w && static_cast<uint64_t>(x) + kW <= W;
+            for (uint32_t px = 0; px < out_w && static_cast<uint64_t>(x) + kW <= W && !(rows_grow && row >= count);
                  ++px, x += s_w) {
                 size_t dst = row;
-                for (size_t c = 0; c < kC; ++c) {
+                bool done = false;
+                for (size_t c = 0; c < kC && !done; ++c) {
                     for (size_t r = 0; r < kH; ++r, dst += kW) {
                         const size_t src = img + c * plane + (y + r) * W + x;
-                        if (src >= image_count || dst >= count) continue;
+                        if (src >= image_count || dst >= count) {
+                            // Every later run of this patch lies past the
+                            // same end.
+                            done = (dst >= count && rows_grow) || (src >= image_count && sources_grow);
+                            if (done) break;
+                            continue;
+                        }
                         size_t len = kW;
                         if (len > image_count - src) len = image_count - src;
                         if (len > count - dst) len = count - dst;
