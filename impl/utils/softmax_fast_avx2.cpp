@@ -190,7 +190,9 @@ void softmax_rows_avx2(const float *x, float *y, uint64_t rows, uint32_t len, fl
         avx512 ? exp_of_differences_avx512 : exp_of_differences;
     for (uint64_t r0 = 0; r0 < rows; r0 += 8) {
         const uint32_t group = rows - r0 >= 8 ? 8 : static_cast<uint32_t>(rows - r0);
-        for (uint32_t g = 0; g < group && group == 8; ++g) {
+        // Eight rows: their exponentials first, then the sums side by side.
+        // Fewer: each row's sum is taken with its exponentials (below).
+        for (uint32_t g = 0; g < (group == 8 ? 8u : 0u); ++g) {
             const float *row = x + (r0 + g) * len;
             const float m = row_max(row, len);
             // The next row's first read (its maximum) would otherwise wait
